@@ -1,0 +1,18 @@
+# Every external library of the project, found once for all folders.
+set(CMAKE_AUTOMOC ON)
+set(CMAKE_AUTORCC ON)
+
+find_package(Qt6 6.4 REQUIRED COMPONENTS Core Network Test)
+find_package(nlohmann_json 3.10 REQUIRED)
+find_package(Qt6Keychain REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(NGTCP2 REQUIRED IMPORTED_TARGET libngtcp2 libngtcp2_crypto_gnutls)
+pkg_check_modules(GNUTLS REQUIRED IMPORTED_TARGET gnutls)
+find_package(Threads REQUIRED)
+
+if("app" IN_LIST OSTV_AREAS OR "sessions" IN_LIST OSTV_AREAS OR "panels" IN_LIST OSTV_AREAS)
+  find_package(Qt6 6.4 REQUIRED COMPONENTS Gui Widgets WebEngineWidgets WebChannel)
+endif()
+if("server" IN_LIST OSTV_AREAS)
+  find_package(Qt6 6.4 REQUIRED COMPONENTS HttpServer)
+endif()

@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Set-up plus an incremental build into build/ (or $OSTV_BUILD_DIR).
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+bash "$root/scripts/setup.sh"
+build="${OSTV_BUILD_DIR:-$root/build}"
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE="${OSTV_BUILD_TYPE:-RelWithDebInfo}" ${OSTV_CMAKE_ARGS:-} >/dev/null
+cmake --build "$build" -j"$(nproc)"

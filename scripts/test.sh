@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# The test command: set-up, build, then every test under a private D-Bus session with an unlocked
+# keyring (for the keychain tests) and a virtual X display (for the window tests).
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+bash "$root/scripts/build.sh"
+build="${OSTV_BUILD_DIR:-$root/build}"
+mkdir -p "$build/test-home/runtime" && chmod 700 "$build/test-home/runtime"
+export OSTV_BUILD_DIR="$build"
+exec dbus-run-session -- bash "$root/scripts/with-keyring.sh" \
+  xvfb-run -a -s "-screen 0 1600x1000x24" \
+  ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 600 "$@"

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QUuid>
+#include <sys/stat.h>
+
+#include "ClientIdentity.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+
+namespace {
+const QRegularExpression kCanonical("^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$");
+
+// Each test works on its own service name so runs never see each other's items.
+QString uniqueService() { return "com.ostvarren.test." + QUuid::createUuid().toString(QUuid::WithoutBraces); }
+}  // namespace
+
+TEST(ClientIdentityFormat, NewIdentifiersAreUpperCaseCanonicalAndDistinct) {
+    const QString a = ClientIdentity::newIdentifier();
+    EXPECT_TRUE(kCanonical.match(a).hasMatch()) << a.toStdString();
+    EXPECT_NE(a, ClientIdentity::newIdentifier());
+}
+
+class FileStore : public ::testing::Test {
+protected:
+    QString path;
+    void SetUp() override {
+        path = test::makeTempDir("secrets") + "/private/secrets.json";
+        SecretStore::useFileStoreOnlyForTesting(true, path);
+    }
+    void TearDown() override { SecretStore::useFileStoreOnlyForTesting(false); }
+};
+
+TEST_F(FileStore, AddNeverOverwritesAndTheFileIsPrivate) {
+    const QString svc = uniqueService();
+    EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
+    EXPECT_TRUE(SecretStore::add(svc, "default", "first"));
+    EXPECT_FALSE(SecretStore::add(svc, "default", "second"));
+    EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("first"));
+    EXPECT_FALSE(SecretStore::usingKeychain());
+    struct stat st {};
+    ASSERT_EQ(::stat(path.toLocal8Bit().constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    // Another account of the same service is a separate item; write() replaces.
+    EXPECT_TRUE(SecretStore::write(svc, "adminPassword", "p1"));
+    EXPECT_TRUE(SecretStore::write(svc, "adminPassword", "p2"));
+    EXPECT_EQ(SecretStore::read(svc, "adminPassword"), QByteArray("p2"));
+    EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("first"));
+}
+
+TEST_F(FileStore, ClientIdIsCreatedOnceAndReadBackLater) {
+    EXPECT_FALSE(ClientIdentity::read().has_value());
+    const QString id = ClientIdentity::getOrCreate();
+    EXPECT_TRUE(kCanonical.match(id).hasMatch());
+    EXPECT_EQ(ClientIdentity::read(), id);
+    EXPECT_EQ(ClientIdentity::getOrCreate(), id);
+    ClientIdentity::save("SOMETHING-ELSE");  // never overwrites
+    EXPECT_EQ(ClientIdentity::read(), id);
+}
+
+TEST_F(FileStore, NonUtf8ValueReadsAsNoneAndEveryCreationMakesAnotherId) {
+    ASSERT_TRUE(SecretStore::add(ClientIdentity::service, ClientIdentity::account, QByteArray("\xff\xfe\xfd", 3)));
+    EXPECT_FALSE(ClientIdentity::read().has_value());
+    const QString a = ClientIdentity::getOrCreate();
+    const QString b = ClientIdentity::getOrCreate();
+    EXPECT_NE(a, b);  // the add fails each time, so nothing sticks
+}
+
+TEST_F(FileStore, CorruptFileIsTreatedAsEmptyAndRepaired) {
+    const QString svc = uniqueService();
+    ASSERT_TRUE(SecretStore::add(svc, "default", "x"));
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write("{not json");
+    f.close();
+    EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
+    EXPECT_TRUE(SecretStore::add(svc, "default", "y"));
+    EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("y"));
+}
+
+// Against the real keychain service (the test command starts an unlocked keyring in a private D-Bus session).
+TEST(Keychain, AddNeverOverwritesAndValuesRoundTrip) {
+    if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) GTEST_SKIP() << "no D-Bus session: keychain not reachable";
+    const QString svc = uniqueService();
+    EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
+    if (!SecretStore::usingKeychain()) GTEST_SKIP() << "no keychain service answers on this D-Bus session";
+    EXPECT_TRUE(SecretStore::add(svc, "default", "first"));
+    EXPECT_TRUE(SecretStore::usingKeychain());
+    EXPECT_FALSE(SecretStore::add(svc, "default", "second"));
+    EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("first"));
+    EXPECT_TRUE(SecretStore::write(svc, "default", QByteArray("\xff\x00z", 3)));
+    EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("\xff\x00z", 3));
+    EXPECT_TRUE(SecretStore::remove(svc, "default"));
+    EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
+    // Nothing went to the private file.
+    EXPECT_FALSE(QFile::exists(SecretStore::fileStorePath()) &&
+                 QFile(SecretStore::fileStorePath()).open(QIODevice::ReadOnly) &&
+                 QString::fromUtf8(QFile(SecretStore::fileStorePath()).readAll()).contains(svc));
+}

@@ -1,0 +1,55 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "LineSplitter.h"
+
+using ostv::LineSplitter;
+
+namespace {
+std::vector<std::string> feedAll(LineSplitter& s, std::initializer_list<std::string_view> chunks) {
+    std::vector<std::string> out;
+    for (auto c : chunks) s.feed(c, [&](std::string_view line) { out.emplace_back(line); });
+    return out;
+}
+}  // namespace
+
+TEST(LineSplitter, WholeSplitAndMultipleLines) {
+    LineSplitter s;
+    EXPECT_EQ(feedAll(s, {"{\"a\":1}\n"}), (std::vector<std::string>{"{\"a\":1}"}));
+    EXPECT_EQ(feedAll(s, {"{\"b\"", ":2}", "\n{\"c\":3}\n{\"d\""}),
+              (std::vector<std::string>{"{\"b\":2}", "{\"c\":3}"}));
+    EXPECT_EQ(s.buffered(), 4u);  // {"d" waits for its line feed
+    EXPECT_EQ(feedAll(s, {":4}\n"}), (std::vector<std::string>{"{\"d\":4}"}));
+    EXPECT_EQ(s.buffered(), 0u);
+}
+
+TEST(LineSplitter, EmptyLinesAreSkippedAndAChunkWithoutLineFeedYieldsNothing) {
+    LineSplitter s;
+    EXPECT_TRUE(feedAll(s, {"\n\n\n"}).empty());
+    EXPECT_TRUE(feedAll(s, {"partial", " more"}).empty());
+    EXPECT_EQ(feedAll(s, {"\n\nx\n"}), (std::vector<std::string>{"partial more", "x"}));
+}
+
+TEST(LineSplitter, ByteAtATimeMatchesOneChunk) {
+    const std::string stream = "alpha\nbeta\n\ngamma\r\ndelta";
+    LineSplitter whole, bytes;
+    std::vector<std::string> a, b;
+    whole.feed(stream, [&](std::string_view l) { a.emplace_back(l); });
+    for (char c : stream) bytes.feed(std::string_view(&c, 1), [&](std::string_view l) { b.emplace_back(l); });
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a, (std::vector<std::string>{"alpha", "beta", "gamma\r"}));  // only 0x0A splits
+    EXPECT_EQ(whole.buffered(), bytes.buffered());
+}
+
+TEST(LineSplitter, ALineOfSeveralMegabytesArrivesWhole) {
+    LineSplitter s;
+    std::string big(5 * 1024 * 1024, 'x');
+    std::vector<size_t> sizes;
+    for (size_t off = 0; off < big.size(); off += 65536)
+        s.feed(std::string_view(big).substr(off, 65536), [&](std::string_view l) { sizes.push_back(l.size()); });
+    EXPECT_TRUE(sizes.empty());
+    s.feed("\n", [&](std::string_view l) { sizes.push_back(l.size()); });
+    EXPECT_EQ(sizes, (std::vector<size_t>{big.size()}));
+}

@@ -1,0 +1,40 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "Logger.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+
+TEST(Logger, TagsCarryExactlyOneSpace) {
+    test::StdoutCapture cap;
+    Logger::info("a");
+    Logger::error("b");
+    Logger::connection("c");
+    Logger::tls("d");
+    Logger::session("e");
+    Logger::env("f");
+    Logger::login("g");
+    Logger::ptySetup("h");
+    EXPECT_EQ(cap.text(), "[Info] a\n[Error] b\n[Connection] c\n[TLS] d\n[SESSION] e\n[ENV] f\n[LOGIN] g\n[PTY_SETUP] h\n");
+}
+
+TEST(Logger, TwoThreadsLoggingAtOnceNeverSplitALine) {
+    test::StdoutCapture cap;
+    const std::string a(300, 'a'), b(300, 'b');
+    std::thread t1([&] { for (int i = 0; i < 500; ++i) Logger::info(a); });
+    std::thread t2([&] { for (int i = 0; i < 500; ++i) Logger::error(b); });
+    t1.join();
+    t2.join();
+    std::istringstream lines(cap.text());
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        EXPECT_TRUE(line == "[Info] " + a || line == "[Error] " + b) << line.substr(0, 40);
+    }
+    EXPECT_EQ(count, 1000);
+}

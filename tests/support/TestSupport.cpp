@@ -1,0 +1,87 @@
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QThread>
+#include <fcntl.h>
+#include <memory>
+#include <unistd.h>
+#include <vector>
+
+namespace ostv::test {
+
+bool waitUntil(const std::function<bool()>& pred, int timeoutMs) {
+    QDeadlineTimer deadline(timeoutMs);
+    while (!pred()) {
+        if (deadline.hasExpired()) return pred();
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(1);
+    }
+    return true;
+}
+
+void spin(int ms) {
+    QDeadlineTimer deadline(ms);
+    while (!deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(1);
+    }
+}
+
+QString makeTempDir(const QString& prefix) {
+    static std::vector<std::unique_ptr<QTemporaryDir>> dirs;
+    auto d = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/ostv-" + prefix + "-XXXXXX");
+    QString path = d->path();
+    dirs.push_back(std::move(d));
+    return path;
+}
+
+void isolateSettings() {
+    const QString dir = makeTempDir(QStringLiteral("settings"));
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir);
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, dir);
+    QSettings s;
+    s.clear();
+    s.sync();
+}
+
+StdoutCapture::StdoutCapture() {
+    fflush(stdout);
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
+    savedFd_ = dup(STDOUT_FILENO);
+    dup2(fds[1], STDOUT_FILENO);
+    close(fds[1]);
+    pipeRead_ = fds[0];
+}
+
+void StdoutCapture::drain() {
+    if (pipeRead_ < 0) return;
+    fflush(stdout);
+    char buf[65536];
+    for (;;) {
+        ssize_t n = read(pipeRead_, buf, sizeof buf);
+        if (n <= 0) break;
+        captured_.append(buf, static_cast<size_t>(n));
+        if (savedFd_ >= 0) (void)!write(savedFd_, buf, static_cast<size_t>(n));
+    }
+}
+
+std::string StdoutCapture::text() {
+    drain();
+    return captured_;
+}
+
+StdoutCapture::~StdoutCapture() {
+    drain();
+    if (savedFd_ >= 0) {
+        dup2(savedFd_, STDOUT_FILENO);
+        close(savedFd_);
+    }
+    if (pipeRead_ >= 0) close(pipeRead_);
+}
+
+}  // namespace ostv::test

@@ -1,0 +1,34 @@
+#pragma once
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QString>
+#include <functional>
+
+namespace ostv::test {
+
+// Spins the event loop until pred() is true or the time is up; answers pred() at the end.
+bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 5000);
+
+// Spins the event loop for the given time.
+void spin(int ms);
+
+// A fresh, empty folder under the test home, removed again when the test binary exits.
+QString makeTempDir(const QString& prefix = QStringLiteral("t"));
+
+// Points the application's settings store at a fresh private folder and empties it.
+void isolateSettings();
+
+// Captures everything written to standard output (the log) while alive.
+class StdoutCapture {
+public:
+    StdoutCapture();
+    ~StdoutCapture();
+    std::string text();  // what was written so far (also flushes it through to the real stdout)
+private:
+    int savedFd_ = -1;
+    int pipeRead_ = -1;
+    std::string captured_;
+    void drain();
+};
+
+}  // namespace ostv::test

@@ -1,0 +1,13 @@
+#include <QApplication>
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+
+int main(int argc, char** argv) {
+    QCoreApplication::setOrganizationName("Ostvarren");
+    QCoreApplication::setApplicationName("Ostvarren");
+    QApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    ostv::test::isolateSettings();
+    return RUN_ALL_TESTS();
+}
