@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Starts the local server (two agents) in the background, waits until it is ready, shows how to sign in
+# and the pairing codes, then runs the client pointed at it. The server stops when the client exits.
+set -euo pipefail
+server="$1"
+client="$2"
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+build="${OSTV_BUILD_DIR:-$root/build}"
+log="$build/local-server.log"
+# The web engine refuses to start its sandbox as root.
+if [ "$(id -u)" -eq 0 ]; then export QTWEBENGINE_DISABLE_SANDBOX=1; fi
+
+"$server" --agents 2 >"$log" 2>&1 &
+server_pid=$!
+trap 'kill -TERM "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true' EXIT
+
+for _ in $(seq 1 100); do
+  grep -q '^ostvarren-server: ready' "$log" 2>/dev/null && break
+  if ! kill -0 "$server_pid" 2>/dev/null; then
+    echo "The local server did not start:"; cat "$log"; exit 1
+  fi
+  sleep 0.1
+done
+grep '^ostvarren-server:' "$log" | grep -v ': ready' | sed 's/^ostvarren-server: /  /'
+cat <<EOT
+
+Sign in with user "admin" and password "quill_tarn" (the login screen is filled in already).
+Pairing codes are listed above and stay in $log.
+EOT
+
+if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+  echo "No display found: starting the client on a virtual display (xvfb-run)."
+  xvfb-run -a -s "-screen 0 1600x1000x24" "$client"
+else
+  "$client"
+fi
