@@ -1,0 +1,159 @@
+// The local server's admin interface, spoken to with a plain HTTP client and a raw socket.
+#include "AdminHttpApi.h"
+#include "TestSupport.h"
+
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QTcpSocket>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace std::chrono_literals;
+using ostv::server::AdminHttpApi;
+using ostv::server::AgentSummary;
+using ostv::test::waitUntil;
+
+namespace {
+
+struct Answer {
+    int status = 0;
+    QByteArray body;
+};
+
+class AdminHttpApiTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        api.setCredentials("admin", "quill_tarn");
+        ASSERT_TRUE(api.listen(QHostAddress::LocalHost, 0));
+        ASSERT_NE(api.port(), 0);
+    }
+
+    Answer call(const QByteArray& method, const QString& path, const QByteArray& body = {},
+                const QByteArray& token = {}) {
+        QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(api.port()).arg(path)));
+        request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
+        if (!token.isEmpty()) request.setRawHeader("Authorization", "Bearer " + token);
+        QNetworkReply* reply = method == "HEAD" ? nam.head(request)
+                               : body.isNull()  ? nam.sendCustomRequest(request, method)
+                                                : nam.sendCustomRequest(request, method, body);
+        EXPECT_TRUE(waitUntil([&] { return reply->isFinished(); }));
+        Answer a{reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll()};
+        reply->deleteLater();
+        return a;
+    }
+
+    QByteArray login(const char* user = "admin", const char* password = "quill_tarn") {
+        const Answer a = call("POST", "/admin/login", nlohmann::json{{"username", user}, {"password", password}}.dump().c_str());
+        const auto body = nlohmann::json::parse(a.body.toStdString(), nullptr, false);
+        if (a.status != 200 || !body.is_object() || !body.contains("token")) return {};
+        return QByteArray::fromStdString(body["token"].get<std::string>());
+    }
+
+    AdminHttpApi api;
+    QNetworkAccessManager nam;
+};
+
+TEST_F(AdminHttpApiTest, SignIn) {
+    const Answer ok = call("POST", "/admin/login", R"({"username":"admin","password":"quill_tarn"})");
+    ASSERT_EQ(ok.status, 200);
+    const auto body = nlohmann::json::parse(ok.body.toStdString());
+    ASSERT_TRUE(body["token"].is_string());
+    const std::string token = body["token"];
+    EXPECT_EQ(token.size(), 64u);
+    EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(body["username"], "admin");
+    EXPECT_EQ(body["role"], "admin");
+    EXPECT_NE(login(), QByteArray::fromStdString(token));  // every sign-in gets its own token
+
+    for (const char* wrong : {R"({"username":"admin","password":"quill_tar"})",
+                              R"({"username":"Admin","password":"quill_tarn"})",
+                              R"({"username":"","password":""})"}) {
+        const Answer refused = call("POST", "/admin/login", wrong);
+        EXPECT_EQ(refused.status, 200) << wrong;
+        EXPECT_EQ(nlohmann::json::parse(refused.body.toStdString()), (nlohmann::json{{"error", "invalid credentials"}}));
+    }
+    for (const char* bad : {"", "not json", "[]", R"({"username":"admin"})", R"({"username":"admin","password":1})",
+                            R"({"username":null,"password":"quill_tarn"})", "\"text\""}) {
+        EXPECT_EQ(call("POST", "/admin/login", bad).status, 400) << bad;
+    }
+    EXPECT_EQ(call("GET", "/admin/login").status, 404);
+}
+
+TEST_F(AdminHttpApiTest, AgentListNeedsAValidToken) {
+    api.setAgentSource([] {
+        return std::vector<AgentSummary>{{"482913", "m-1", "linux", 3, 12.5, 40.25}, {"100200", "m-2", "darwin", 0, 0, 0}};
+    });
+    const QByteArray token = login();
+    ASSERT_FALSE(token.isEmpty());
+
+    const Answer list = call("GET", "/admin/agents", QByteArray(), token);
+    ASSERT_EQ(list.status, 200);
+    const auto agents = nlohmann::json::parse(list.body.toStdString());
+    ASSERT_TRUE(agents.is_array());
+    ASSERT_EQ(agents.size(), 2u);
+    EXPECT_EQ(agents[0], (nlohmann::json{{"code", "482913"}, {"machine_id", "m-1"}, {"controller_count", 3},
+                                         {"os", "linux"}, {"cpu", 12.5}, {"mem", 40.25}}));
+    EXPECT_TRUE(agents[1]["controller_count"].is_number_integer());
+    EXPECT_EQ(agents[1]["os"], "darwin");
+
+    EXPECT_EQ(call("GET", "/admin/agents").status, 401);
+    EXPECT_EQ(call("GET", "/admin/agents", QByteArray(), "0123").status, 401);
+    EXPECT_EQ(call("GET", "/admin/agents", QByteArray(), token + "0").status, 401);
+    EXPECT_EQ(call("HEAD", "/admin/agents").status, 401);
+
+    api.revokeAllTokens();
+    EXPECT_EQ(call("GET", "/admin/agents", QByteArray(), token).status, 401);
+}
+
+TEST_F(AdminHttpApiTest, TokensExpire) {
+    api.setTokenLifetime(1s);
+    const QByteArray token = login();
+    ASSERT_FALSE(token.isEmpty());
+    EXPECT_EQ(call("GET", "/admin/agents", QByteArray(), token).status, 200);
+    ostv::test::spin(1100);
+    EXPECT_EQ(call("GET", "/admin/agents", QByteArray(), token).status, 401);
+
+    // Without a source the list is empty, not an error.
+    api.setTokenLifetime(3600s);
+    const Answer empty = call("GET", "/admin/agents", QByteArray(), login());
+    EXPECT_EQ(empty.status, 200);
+    EXPECT_EQ(empty.body, "[]");
+}
+
+// The client's warm-up leaves its connection open for the login: the HEAD answer must end exactly
+// at its headers, and the next request on the same connection must be served.
+TEST_F(AdminHttpApiTest, AHeadAnswerLeavesTheConnectionUsable) {
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, api.port());
+    ASSERT_TRUE(socket.waitForConnected(3000));
+    socket.write("HEAD /admin/agents HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    QByteArray received;
+    ASSERT_TRUE(waitUntil([&] {
+        received += socket.readAll();
+        return received.contains("\r\n\r\n");
+    }));
+    EXPECT_TRUE(received.startsWith("HTTP/1.1 401")) << received.constData();
+    ostv::test::spin(100);
+    received += socket.readAll();
+    EXPECT_TRUE(received.endsWith("\r\n\r\n")) << received.constData();
+
+    const QByteArray body = R"({"username":"admin","password":"quill_tarn"})";
+    socket.write("POST /admin/login HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\nContent-Length: " +
+                 QByteArray::number(body.size()) + "\r\n\r\n" + body);
+    QByteArray second;
+    ASSERT_TRUE(waitUntil([&] {
+        second += socket.readAll();
+        return second.contains("\"token\"");
+    })) << second.constData();
+    EXPECT_TRUE(second.startsWith("HTTP/1.1 200")) << second.constData();
+}
+
+TEST(AdminHttpApiListen, ATakenPortIsRefused) {
+    AdminHttpApi first;
+    ASSERT_TRUE(first.listen(QHostAddress::LocalHost, 0));
+    AdminHttpApi second;
+    EXPECT_FALSE(second.listen(QHostAddress::LocalHost, first.port()));
+    EXPECT_EQ(second.port(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,118 @@
+#include "HttpFixture.h"
+
+#include <QSslSocket>
+#include <QTcpSocket>
+#include <gnutls/gnutls.h>
+#include <gnutls/x509.h>
+#include <stdexcept>
+
+namespace ostv::test {
+
+CannedHttpServer::CannedHttpServer(QObject* parent) : QTcpServer(parent) {}
+
+bool CannedHttpServer::start(std::optional<QPair<QSslCertificate, QSslKey>> tls) {
+    tls_ = std::move(tls);
+    return listen(QHostAddress::LocalHost, 0);
+}
+
+void CannedHttpServer::incomingConnection(qintptr descriptor) {
+    ++connections;
+    QTcpSocket* socket = nullptr;
+    if (tls_) {
+        auto* ssl = new QSslSocket(this);
+        ssl->setSocketDescriptor(descriptor);
+        ssl->setLocalCertificate(tls_->first);
+        ssl->setPrivateKey(tls_->second);
+        ssl->setPeerVerifyMode(QSslSocket::VerifyNone);
+        ssl->startServerEncryption();
+        socket = ssl;
+    } else {
+        socket = new QTcpSocket(this);
+        socket->setSocketDescriptor(descriptor);
+    }
+    connect(socket, &QTcpSocket::readyRead, this, [this, socket] { serve(socket); });
+    connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+}
+
+// Serves every complete request in the socket's buffer; the connection stays open (keep-alive).
+void CannedHttpServer::serve(QTcpSocket* socket) {
+    QByteArray buffer = socket->property("buffer").toByteArray() + socket->readAll();
+    for (;;) {
+        const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
+        if (headerEnd < 0) break;
+        SeenRequest r;
+        const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
+        const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
+        r.method = first.value(0);
+        r.path = first.value(1);
+        for (qsizetype i = 1; i < lines.size(); ++i) {
+            const qsizetype colon = lines[i].indexOf(':');
+            if (colon > 0) r.headers[lines[i].left(colon).trimmed().toLower()] = lines[i].mid(colon + 1).trimmed();
+        }
+        const qsizetype length = r.headers.value("content-length", "0").toLongLong();
+        if (buffer.size() < headerEnd + 4 + length) break;
+        r.body = buffer.mid(headerEnd + 4, length);
+        buffer.remove(0, headerEnd + 4 + length);
+        requests.push_back(r);
+
+        const CannedAnswer a = answers_.value(r.path, default_);
+        if (a.stall) continue;
+        QByteArray out = "HTTP/1.1 " + QByteArray::number(a.status) + " Canned\r\n";
+        for (const auto& [name, value] : a.headers) out += name + ": " + value + "\r\n";
+        out += "Content-Length: " + QByteArray::number(a.body.size()) + "\r\n\r\n";
+        if (r.method != "HEAD") out += a.body;
+        socket->write(out);
+    }
+    socket->setProperty("buffer", buffer);
+}
+
+namespace {
+void check(int rc, const char* what) {
+    if (rc < 0) throw std::runtime_error(std::string(what) + ": " + gnutls_strerror(rc));
+}
+QByteArray take(gnutls_datum_t& d) {
+    QByteArray out(reinterpret_cast<const char*>(d.data), static_cast<qsizetype>(d.size));
+    gnutls_free(d.data);
+    return out;
+}
+}  // namespace
+
+TestCertificate makeSelfSignedCertificate(const QString& hostName, const QDateTime& notBefore,
+                                          const QDateTime& notAfter) {
+    gnutls_x509_privkey_t key = nullptr;
+    gnutls_x509_crt_t crt = nullptr;
+    check(gnutls_x509_privkey_init(&key), "key init");
+    check(gnutls_x509_privkey_generate(key, GNUTLS_PK_ECDSA, GNUTLS_CURVE_TO_BITS(GNUTLS_ECC_CURVE_SECP256R1), 0),
+          "key generate");
+    check(gnutls_x509_crt_init(&crt), "crt init");
+    const QByteArray name = hostName.toUtf8();
+    const unsigned char serial[] = {0x01, 0x23, 0x45, 0x67};
+    check(gnutls_x509_crt_set_version(crt, 3), "version");
+    check(gnutls_x509_crt_set_serial(crt, serial, sizeof serial), "serial");
+    check(gnutls_x509_crt_set_dn_by_oid(crt, GNUTLS_OID_X520_COMMON_NAME, 0, name.constData(),
+                                        static_cast<unsigned>(name.size())),
+          "common name");
+    check(gnutls_x509_crt_set_subject_alt_name(crt, GNUTLS_SAN_DNSNAME, name.constData(),
+                                               static_cast<unsigned>(name.size()), GNUTLS_FSAN_SET),
+          "alt name");
+    check(gnutls_x509_crt_set_activation_time(crt, notBefore.toSecsSinceEpoch()), "activation");
+    check(gnutls_x509_crt_set_expiration_time(crt, notAfter.toSecsSinceEpoch()), "expiration");
+    check(gnutls_x509_crt_set_basic_constraints(crt, 0, -1), "constraints");
+    check(gnutls_x509_crt_set_key_usage(crt, GNUTLS_KEY_DIGITAL_SIGNATURE), "key usage");
+    check(gnutls_x509_crt_set_key_purpose_oid(crt, GNUTLS_KP_TLS_WWW_SERVER, 0), "purpose");
+    check(gnutls_x509_crt_set_key(crt, key), "set key");
+    check(gnutls_x509_crt_sign2(crt, crt, key, GNUTLS_DIG_SHA256, 0), "sign");
+
+    gnutls_datum_t certPem{}, keyPem{};
+    check(gnutls_x509_crt_export2(crt, GNUTLS_X509_FMT_PEM, &certPem), "export crt");
+    check(gnutls_x509_privkey_export2(key, GNUTLS_X509_FMT_PEM, &keyPem), "export key");
+    gnutls_x509_crt_deinit(crt);
+    gnutls_x509_privkey_deinit(key);
+
+    TestCertificate out;
+    out.certificate = QSslCertificate(take(certPem), QSsl::Pem);
+    out.key = QSslKey(take(keyPem), QSsl::Ec, QSsl::Pem);
+    return out;
+}
+
+}  // namespace ostv::test
