@@ -1,0 +1,277 @@
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+
+#include "ClientIdentity.h"
+#include "Fakes.h"
+#include "ServerConfig.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using namespace ostv::test;
+
+namespace {
+
+std::string b64(const QByteArray& text) { return text.toBase64().toStdString(); }
+
+class SessionControllerTest : public ::testing::Test {
+protected:
+    FakeLink link;
+    FakeTerminal terminal;
+    FakeSessionList list;
+    FakeErrors errors;
+    SessionController c;
+
+    void SetUp() override {
+        SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("id") + "/s.json");
+        ServerConfig::defaults().clear();
+        c.setLink(&link);
+        c.setTerminal(&terminal);
+        c.setSessionList(&list);
+        c.setErrorPresenter(&errors);
+        c.isConnected = true;
+        c.delays = {5, 5, 5, 5, 5};
+        c.setupTimeout = 0.1;
+    }
+    void TearDown() override { SecretStore::useFileStoreOnlyForTesting(false); }
+
+    // Opens a session and waits until its set-up line went out.
+    int64_t openAndWaitForSetup(const QString& path, std::optional<QString> env = std::nullopt,
+                                std::optional<QString> command = std::nullopt) {
+        const int64_t id = c.nextPtyId;
+        c.allocateAndCreatePty("t", command, env, path);
+        EXPECT_TRUE(waitUntil([&] { return c.setupStartTimes.count(id) > 0; }, 2000));
+        return id;
+    }
+};
+
+TEST_F(SessionControllerTest, CreateThenOneSetupLineWithEnvironmentCommandAndSentinel) {
+    StdoutCapture log;
+    const int64_t id = openAndWaitForSetup("~/proj", QString("export A=\"1\"\n   \n\nexport B=\"x y\"\n"), QString("claude"));
+    auto creates = link.ofType("CREATE_PTY");
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(creates[0].ptyId, id);
+    EXPECT_EQ(creates[0].cols, 80);
+    EXPECT_EQ(creates[0].rows, 24);
+    EXPECT_EQ(creates[0].cwd, "/home/u/proj");
+    EXPECT_EQ(QString::fromStdString(*creates[0].clientId), ClientIdentity::read().value());
+    auto execs = link.ofType("EXEC");
+    ASSERT_EQ(execs.size(), 1u);
+    EXPECT_EQ(*execs[0].command,
+              "export A=\"1\" && export B=\"x y\" && claude && clear && echo __OSTVARREN_READY__");
+    // The count is every part but "clear" and the echo, so the command counts along with the exports.
+    EXPECT_NE(log.text().find("[PTY_SETUP] pty=1 sending 3 env commands + sentinel"), std::string::npos);
+    EXPECT_TRUE(terminal.tabs.isEmpty());  // nothing shows before the sentinel
+}
+
+TEST_F(SessionControllerTest, NoEnvironmentGivesClearAndSentinelOnly) {
+    StdoutCapture log;
+    openAndWaitForSetup("/srv");
+    EXPECT_EQ(*link.ofType("EXEC").at(0).command, "clear && echo __OSTVARREN_READY__");
+    EXPECT_NE(log.text().find("sending 0 env commands + sentinel"), std::string::npos);
+}
+
+TEST_F(SessionControllerTest, SentinelRevealsTheTabAndLaterOutputIsWritten) {
+    const int64_t id = openAndWaitForSetup("/srv");
+    c.didReceiveOutput(b64("garbage before"), id);
+    EXPECT_TRUE(terminal.tabs.isEmpty());
+    c.didReceiveOutput(b64("x\r\n__OSTVARREN_READY__\r\n$ "), id);
+    EXPECT_EQ(terminal.tabs, QList<int64_t>{id});
+    EXPECT_FALSE(terminal.overlayShown);
+    EXPECT_EQ(list.highlighted, id);
+    EXPECT_TRUE(c.pendingSetup.empty());
+    EXPECT_TRUE(terminal.written.empty());  // the set-up output, sentinel chunk included, is discarded
+    EXPECT_EQ(*link.ofType("EXEC").back().command, "clear");
+    ASSERT_TRUE(waitUntil([&] { return terminal.calls.contains("focus"); }, 2000));
+    EXPECT_TRUE(terminal.calls.contains(QStringLiteral("resize %1 0").arg(id)));
+    c.didReceiveOutput(b64("hello"), id);
+    ASSERT_EQ(terminal.written.size(), 1u);
+    EXPECT_EQ(terminal.written[0].first, b64("hello"));  // passed on unchanged
+}
+
+TEST_F(SessionControllerTest, SentinelSplitAcrossChunksOrUndecodableChunksDoNotCount) {
+    const int64_t id = openAndWaitForSetup("/srv");
+    c.didReceiveOutput(b64("__OSTVARREN_"), id);
+    c.didReceiveOutput(b64("READY__"), id);
+    c.didReceiveOutput("!!!not base64!!!", id);
+    c.didReceiveOutput(b64(QByteArray("\xff\xfe __OSTVARREN_READY__")), id);  // not UTF-8
+    EXPECT_TRUE(terminal.tabs.isEmpty());
+    EXPECT_EQ(c.pendingSetup.count(id), 1u);
+}
+
+TEST_F(SessionControllerTest, TimeoutRetriesTheEchoOnceThenFailsAndCloses) {
+    StdoutCapture log;
+    const int64_t id = openAndWaitForSetup("/srv", QString("export A=\"1\""));
+    ASSERT_TRUE(waitUntil([&] { return link.ofType("EXEC").size() == 2; }, 2000));
+    EXPECT_EQ(*link.ofType("EXEC")[1].command, "echo __OSTVARREN_READY__");  // the environment is not sent again
+    ASSERT_TRUE(waitUntil([&] { return !errors.shown.isEmpty(); }, 2000));
+    EXPECT_EQ(errors.shown, QStringList{"终端初始化失败：链路不通"});
+    EXPECT_EQ(link.closed, std::vector<int64_t>{id});
+    EXPECT_EQ(c.activeSessions.count(id), 0u);
+    EXPECT_TRUE(c.pendingSetup.empty());
+    EXPECT_TRUE(c.setupTimers.empty());
+    EXPECT_EQ(link.ofType("EXEC").size(), 2u);
+    const std::string text = log.text();
+    EXPECT_NE(text.find("[PTY_SETUP] pty=1 sentinel timeout, retrying echo..."), std::string::npos);
+    EXPECT_NE(text.find("[PTY_SETUP] pty=1 FAILED — link unresponsive after 2 attempts"), std::string::npos);
+    // A late sentinel after the failure creates nothing.
+    c.didReceiveOutput(b64("__OSTVARREN_READY__"), id);
+    EXPECT_TRUE(terminal.tabs.isEmpty());
+}
+
+TEST_F(SessionControllerTest, SentinelAfterTheFirstTimeoutStillCompletes) {
+    const int64_t id = openAndWaitForSetup("/srv");
+    ASSERT_TRUE(waitUntil([&] { return link.ofType("EXEC").size() == 2; }, 2000));
+    c.didReceiveOutput(b64("__OSTVARREN_READY__"), id);
+    EXPECT_EQ(terminal.tabs, QList<int64_t>{id});
+    spin(300);
+    EXPECT_TRUE(errors.shown.isEmpty());
+}
+
+TEST_F(SessionControllerTest, TheSameDirectoryTwiceSwitchesAndSendsNothing) {
+    const int64_t id = openAndWaitForSetup("~/work");
+    const size_t before = link.sent.size();
+    c.allocateAndCreatePty("again", std::nullopt, std::nullopt, "/home/u/work/");
+    EXPECT_EQ(link.sent.size(), before);
+    EXPECT_TRUE(terminal.calls.contains(QStringLiteral("switch %1").arg(id)));
+    EXPECT_EQ(c.nextPtyId, id + 1);
+    EXPECT_EQ(c.normalizePath("/"), "/");
+    EXPECT_EQ(c.normalizePath("~"), "/home/u");
+    EXPECT_EQ(c.normalizePath("~user/x"), "~user/x");
+    link.home.clear();
+    EXPECT_EQ(c.normalizePath("~/x/"), "~/x");  // no home known: left as it is, minus the slash
+}
+
+TEST_F(SessionControllerTest, NotConnectedSkipsMessagesButKeepsBookkeeping) {
+    link.connected = false;
+    c.isConnected = false;
+    c.allocateAndCreatePty("t", std::nullopt, std::nullopt, "/a");
+    spin(50);
+    EXPECT_TRUE(link.sent.empty());
+    EXPECT_EQ(c.activeSessions.at(1), "/a");
+    EXPECT_EQ(c.nextPtyId, 2);
+}
+
+TEST_F(SessionControllerTest, ExitMasksWithTakeoverTextOrExitCode) {
+    for (int64_t code : {-1, 3}) {
+        const int64_t id = openAndWaitForSetup(QStringLiteral("/d%1").arg(code));
+        c.didReceiveOutput(b64("__OSTVARREN_READY__"), id);
+        const size_t lists = link.ofType("LIST_PTY").size();
+        c.didReceivePtyExit(id, code);
+        EXPECT_EQ(terminal.masks.at(id), code == -1 ? QString("会话已被接管") : QString("会话已终止 (exit 3)"));
+        EXPECT_EQ(c.activeSessions.count(id), 0u);
+        EXPECT_EQ(link.ofType("LIST_PTY").size(), lists + 1);
+    }
+    // An exit during set-up is silent.
+    const int64_t pending = openAndWaitForSetup("/pending");
+    c.didReceivePtyExit(pending, -1);
+    EXPECT_EQ(terminal.masks.count(pending), 0u);
+    EXPECT_TRUE(c.pendingSetup.empty());
+    EXPECT_TRUE(errors.shown.isEmpty());
+}
+
+TEST_F(SessionControllerTest, ErrorClosesTheTabOrAbortsTheSetupAndShowsTheReason) {
+    const int64_t shown = openAndWaitForSetup("/a");
+    c.didReceiveOutput(b64("__OSTVARREN_READY__"), shown);
+    const int64_t pending = openAndWaitForSetup("/b");
+    c.didReceivePtyError(pending, "no such directory");
+    c.didReceivePtyError(shown, "boom");
+    EXPECT_EQ(errors.shown, (QStringList{"no such directory", "boom"}));
+    EXPECT_TRUE(terminal.tabs.isEmpty());
+    EXPECT_TRUE(c.activeSessions.empty());
+    EXPECT_TRUE(c.pendingSetup.empty());
+}
+
+TEST_F(SessionControllerTest, ClosingTheLastTabShowsThePlaceholderAndRefreshesTheList) {
+    const int64_t a = openAndWaitForSetup("/a");
+    c.didReceiveOutput(b64("__OSTVARREN_READY__"), a);
+    const int64_t b = openAndWaitForSetup("/b");
+    c.didReceiveOutput(b64("__OSTVARREN_READY__"), b);
+    c.closeAndCleanupPty(a);
+    EXPECT_EQ(terminal.tabs, QList<int64_t>{b});
+    EXPECT_TRUE(terminal.emptyState.isEmpty());
+    c.closeAndCleanupPty(b);
+    EXPECT_TRUE(terminal.tabs.isEmpty());
+    EXPECT_EQ(terminal.emptyState, "选择目录以启动终端");
+    EXPECT_EQ(link.closed, (std::vector<int64_t>{a, b}));
+    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == 2; }, 2000));
+}
+
+TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
+    const QString me = ClientIdentity::getOrCreate();
+    ServerConfig::setString(SettingsKey::lastNickname, "alice");
+    c.controllerNicknameHistory["ctrl-bob"] = "bob";
+    c.pendingAutoCreate = true;
+    c.didReceivePtyList({{4, "/home/u/proj", "running", "c-me", me.toStdString()},
+                         {2, "/", "running", "ctrl-bob", "OTHER"},
+                         {7, "/tmp", "exited", "c-me", me.toStdString()},
+                         {3, "/var/log", "running", "0123456789abcdef", "X"}});
+    ASSERT_EQ(list.users.size(), 3);
+    EXPECT_EQ(list.limit, 8);
+    EXPECT_EQ(list.users[0], (User{"pty-4", "proj (alice)", "AL", true}));
+    EXPECT_EQ(list.users[1].name, "~ (bob)");
+    EXPECT_EQ(list.users[2].name, "log (01234567)");
+    EXPECT_EQ(list.users[2].avatar, "01");
+    EXPECT_EQ(c.activeSessions.size(), 3u);
+    EXPECT_EQ(terminal.tabs, QList<int64_t>{4});  // only our own running PTY gets a tab back
+    EXPECT_TRUE(terminal.calls.contains("create 4 proj"));
+    EXPECT_FALSE(c.pendingAutoCreate);
+    EXPECT_TRUE(link.ofType("CREATE_PTY").empty());
+    EXPECT_EQ(c.nextPtyId, 5);  // new sessions never reuse a live id of ours
+    ASSERT_TRUE(waitUntil([&] { return terminal.calls.contains("resize 0 1"); }, 2000));
+}
+
+TEST_F(SessionControllerTest, FirstPairingWithoutOwnSessionsOpensOneInHome) {
+    c.pendingAutoCreate = true;
+    c.pendingEnvCommands = QString("export Z=\"9\"");
+    c.didReceivePtyList({});
+    auto creates = link.ofType("CREATE_PTY");
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(creates[0].cwd, "/home/u");
+    ASSERT_TRUE(waitUntil([&] { return !link.ofType("EXEC").empty(); }, 2000));
+    EXPECT_EQ(*link.ofType("EXEC")[0].command, "export Z=\"9\" && clear && echo __OSTVARREN_READY__");
+    EXPECT_EQ(c.pendingSetup.at(1).title, "终端");
+    // Without the flag a list only refreshes rows.
+    c.didReceivePtyList({});
+    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 1u);
+}
+
+TEST_F(SessionControllerTest, PostRevealCommandFollowsTheReveal) {
+    const int64_t id = c.nextPtyId;
+    c.allocateAndCreatePty("Kimi", std::nullopt, std::nullopt, "/x", QString("kimi"));
+    ASSERT_TRUE(waitUntil([&] { return c.setupStartTimes.count(id) > 0; }, 2000));
+    c.didReceiveOutput(b64("__OSTVARREN_READY__"), id);
+    ASSERT_TRUE(waitUntil([&] { return *link.ofType("EXEC").back().command == "kimi"; }, 2000));
+}
+
+TEST_F(SessionControllerTest, GoneTargetsAndDestroyedControllerAreSafe) {
+    auto* owned = new SessionController;
+    auto* term = new FakeTerminal;
+    owned->setLink(&link);
+    owned->setTerminal(term);
+    owned->isConnected = true;
+    owned->delays = {5, 5, 5, 5, 5};
+    owned->setupTimeout = 0.02;
+    owned->allocateAndCreatePty("t", std::nullopt, std::nullopt, "/z");
+    delete term;  // the view went away first
+    ASSERT_TRUE(waitUntil([&] { return owned->setupStartTimes.count(1) > 0; }, 2000));
+    owned->didReceiveOutput(b64("__OSTVARREN_READY__"), 1);  // no terminal: nothing to call, no crash
+    owned->allocateAndCreatePty("t2", std::nullopt, std::nullopt, "/y");
+    delete owned;  // pending timers must not fire into a dead controller
+    spin(200);  // a timer firing into the freed controller would crash here (and under the sanitizers)
+    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 2u);
+}
+
+TEST(SessionControllerStatic, RowIdsAndPathComponents) {
+    EXPECT_EQ(SessionController::parsePtyId("pty-12"), 12);
+    EXPECT_EQ(SessionController::parsePtyId("pty-0"), 0);
+    EXPECT_FALSE(SessionController::parsePtyId("pty-").has_value());
+    EXPECT_FALSE(SessionController::parsePtyId("tty-3").has_value());
+    EXPECT_FALSE(SessionController::parsePtyId("pty-3x").has_value());
+    EXPECT_EQ(SessionController::lastPathComponent("/home/u/proj"), "proj");
+    EXPECT_EQ(SessionController::lastPathComponent("/home/u/proj/"), "proj");
+    EXPECT_EQ(SessionController::lastPathComponent("/"), "~");
+    EXPECT_EQ(SessionController::lastPathComponent(""), "~");
+    EXPECT_EQ(SessionController::lastPathComponent("C:\\Users"), "C:\\Users");
+}
+}  // namespace
