@@ -1,0 +1,255 @@
+// The terminal page: one xterm.js terminal per remote PTY. The native side calls the functions below;
+// the page answers through the web channel object "bridge" (termReady, termInput, termResize, and
+// ack for flow control: the number of bytes each terminal has finished writing).
+'use strict';
+
+const THEMES = {
+  light: { background: '#ffffff', foreground: '#1e1e1e', cursor: '#1e1e1e', cursorAccent: '#ffffff',
+           selectionBackground: 'rgba(0,120,212,0.25)',
+           black: '#000000', red: '#c91b00', green: '#00a600', yellow: '#a68b00', blue: '#0451a5',
+           magenta: '#bc05bc', cyan: '#0598bc', white: '#555555', brightBlack: '#686868', brightRed: '#e74856',
+           brightGreen: '#16c60c', brightYellow: '#b5a000', brightBlue: '#3b78ff', brightMagenta: '#b4009e',
+           brightCyan: '#0aa3b5', brightWhite: '#1e1e1e' },
+  dark: { background: '#1e1e1e', foreground: '#d4d4d4', cursor: '#d4d4d4', cursorAccent: '#1e1e1e',
+          selectionBackground: 'rgba(38,79,120,0.8)',
+          black: '#000000', red: '#cd3131', green: '#0dbc79', yellow: '#e5e510', blue: '#2472c8',
+          magenta: '#bc3fbc', cyan: '#11a8cd', white: '#e5e5e5', brightBlack: '#666666', brightRed: '#f14c4c',
+          brightGreen: '#23d18b', brightYellow: '#f5f543', brightBlue: '#3b8eea', brightMagenta: '#d670d6',
+          brightCyan: '#29b8db', brightWhite: '#e5e5e5' },
+};
+
+const terminals = new Map();  // id -> { term, fit, search, el, masked }
+let bridge = null;
+let activeId = 0;
+let themeName = 'light';
+let renderer = 'dom';          // the renderer that works here: 'webgl' or 'dom'
+let ackTimer = null;
+const pendingAcks = new Map(); // id -> bytes written since the last ack
+const stats = { received: 0, written: 0, acked: 0 };  // bytes, for diagnostics
+
+function toBytes(b64) {
+  const bin = atob(b64);
+  const out = new Uint8Array(bin.length);
+  for (let i = 0; i < bin.length; i++) out[i] = bin.charCodeAt(i);
+  return out;
+}
+
+function queueAck(id, n) {
+  pendingAcks.set(id, (pendingAcks.get(id) || 0) + n);
+  if (ackTimer === null) ackTimer = setTimeout(flushAcks, 8);
+}
+
+function flushAcks() {
+  ackTimer = null;
+  if (!bridge) return;
+  for (const [id, n] of pendingAcks) { bridge.ack(id, n); stats.acked += n; }
+  pendingAcks.clear();
+}
+
+function loadRenderer(entry) {
+  // WebGL where the GPU draws it; otherwise the DOM renderer built in. Measured here: without a GPU
+  // the canvas and software-WebGL renderers write output dozens of times slower than the DOM one.
+  if (renderer !== 'webgl') return;
+  try {
+    const webgl = new WebglAddon.WebglAddon();
+    webgl.onContextLoss(() => { webgl.dispose(); renderer = 'dom'; });
+    entry.term.loadAddon(webgl);
+  } catch (e) { renderer = 'dom'; }
+}
+
+function reportSize(id) {
+  const t = terminals.get(id);
+  if (t && bridge) bridge.termResize({ cols: t.term.cols, rows: t.term.rows, ptyId: id });
+}
+
+function fitTerminal(id) {
+  const t = terminals.get(id);
+  if (!t || !t.el.classList.contains('active')) return;
+  try { t.fit.fit(); } catch (e) { /* not laid out yet */ }
+}
+
+function createTerminal(id) {
+  if (terminals.has(id)) { switchTerminal(id); return; }
+  const el = document.createElement('div');
+  el.className = 'term';
+  document.getElementById('terminals').appendChild(el);
+  const term = new Terminal({
+    allowProposedApi: true,
+    scrollback: 10000,
+    fontSize: 13,
+    fontFamily: '"DejaVu Sans Mono", "Noto Sans Mono CJK SC", monospace',
+    cursorBlink: true,
+    theme: THEMES[themeName],
+    macOptionIsMeta: true,
+  });
+  const fit = new FitAddon.FitAddon();
+  const search = new SearchAddon.SearchAddon();
+  term.loadAddon(fit);
+  term.loadAddon(search);
+  term.loadAddon(new Unicode11Addon.Unicode11Addon());
+  term.unicode.activeVersion = '11';
+  term.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => { if (bridge) bridge.openLink(uri); }));
+  const entry = { term, fit, search, el, masked: false };
+  terminals.set(id, entry);
+  term.open(el);
+  loadRenderer(entry);
+  term.onData((data) => { if (!entry.masked && bridge) bridge.termInput({ data: data, ptyId: id }); });
+  term.onBinary((data) => { if (!entry.masked && bridge) bridge.termInput({ data: data, ptyId: id }); });
+  term.onResize(() => reportSize(id));
+  term.onSelectionChange(() => { if (bridge && term.hasSelection()) bridge.selectionChanged(term.getSelection()); });
+  term.attachCustomKeyEventHandler((ev) => handleKey(ev, id));
+  switchTerminal(id);
+}
+
+function handleKey(ev, id) {
+  if (ev.type !== 'keydown') return true;
+  const ctrlShift = ev.ctrlKey && ev.shiftKey && !ev.altKey;
+  const key = ev.key.toLowerCase();
+  if (ctrlShift && key === 'c') {
+    const t = terminals.get(id);
+    if (t && t.term.hasSelection() && bridge) bridge.copyText(t.term.getSelection());
+    return false;
+  }
+  if ((ctrlShift && key === 'v') || (ev.shiftKey && !ev.ctrlKey && ev.key === 'Insert')) {
+    if (bridge) bridge.requestPaste();
+    ev.preventDefault();
+    return false;
+  }
+  if (ctrlShift && key === 'f') { openFind(); ev.preventDefault(); return false; }
+  return true;
+}
+
+function switchTerminal(id) {
+  const t = terminals.get(id);
+  if (!t) return;
+  for (const [other, e] of terminals) e.el.classList.toggle('active', other === id);
+  activeId = id;
+  fitTerminal(id);
+}
+
+function removeTerminal(id) {
+  const t = terminals.get(id);
+  if (!t) return;
+  t.term.dispose();
+  t.el.remove();
+  terminals.delete(id);
+  pendingAcks.delete(id);
+  if (activeId === id) activeId = 0;
+}
+
+function writeOutput(b64, id) {
+  const t = terminals.get(id);
+  if (!t) return;
+  let bytes;
+  try { bytes = toBytes(b64); } catch (e) { return; }
+  stats.received += bytes.length;
+  if (t.masked) { queueAck(id, bytes.length); return; }
+  // Raw bytes: the terminal's own UTF-8 decoder keeps a character split across chunks whole.
+  t.term.write(bytes, () => { stats.written += bytes.length; queueAck(id, bytes.length); });
+}
+
+function maskTerminal(id, message) {
+  const t = terminals.get(id);
+  if (!t) return;
+  t.masked = true;
+  t.term.options.disableStdin = true;
+  let mask = t.el.querySelector('.mask');
+  if (!mask) {
+    mask = document.createElement('div');
+    mask.className = 'mask';
+    mask.appendChild(document.createElement('span'));
+    t.el.appendChild(mask);
+  }
+  mask.firstChild.textContent = message;
+}
+
+function clearTerminal(id) {
+  const t = terminals.get(id);
+  if (t) t.term.clear();
+}
+
+function resizeTerminal(id) {
+  fitTerminal(id);
+  reportSize(id);  // reported even when the size did not change
+}
+
+function focusTerminal(id) {
+  const t = terminals.get(id);
+  if (t) t.term.focus();
+}
+
+function pasteText(text) {
+  const t = terminals.get(activeId);
+  if (t && !t.masked) t.term.paste(text);
+}
+
+function setTheme(name) {
+  themeName = THEMES[name] ? name : 'light';
+  document.body.className = themeName;
+  for (const [, t] of terminals) t.term.options.theme = THEMES[themeName];
+}
+
+// Find in scrollback.
+const find = document.getElementById('find');
+const findText = document.getElementById('find-text');
+function openFind() {
+  find.classList.add('open');
+  findText.focus();
+  findText.select();
+}
+function closeFind() {
+  find.classList.remove('open');
+  focusTerminal(activeId);
+}
+function findStep(backwards) {
+  const t = terminals.get(activeId);
+  if (!t || !findText.value) return;
+  const opts = { decorations: { matchOverviewRuler: '#888', activeMatchColorOverviewRuler: '#0078d4',
+                                matchBackground: '#ffd33d55', activeMatchBackground: '#0078d4aa' } };
+  const found = backwards ? t.search.findPrevious(findText.value, opts) : t.search.findNext(findText.value, opts);
+  findText.classList.toggle('none', !found);
+}
+findText.addEventListener('keydown', (ev) => {
+  if (ev.key === 'Enter') { findStep(ev.shiftKey); ev.preventDefault(); }
+  else if (ev.key === 'Escape') { closeFind(); ev.preventDefault(); }
+});
+findText.addEventListener('input', () => findStep(false));
+document.getElementById('find-next').onclick = () => findStep(false);
+document.getElementById('find-prev').onclick = () => findStep(true);
+document.getElementById('find-close').onclick = closeFind;
+
+// Every size change of the page area refits the active terminal (which reports its new size).
+new ResizeObserver(() => fitTerminal(activeId)).observe(document.getElementById('terminals'));
+
+// Test and diagnostics hooks: the text in a terminal's buffer, and which renderer is in use.
+function __terminalText(id) {
+  const t = terminals.get(id);
+  if (!t) return null;
+  const buf = t.term.buffer.active;
+  const lines = [];
+  for (let i = 0; i < buf.length; i++) lines.push(buf.getLine(i).translateToString(true));
+  while (lines.length && lines[lines.length - 1] === '') lines.pop();
+  return lines.join('\n');
+}
+function __pageState() {
+  return { active: activeId, ids: Array.from(terminals.keys()), renderer: renderer, stats: stats,
+           visibility: document.visibilityState,
+           masked: Array.from(terminals).filter(([, t]) => t.masked).map(([id]) => id) };
+}
+
+function probeRenderer() {
+  try {
+    const gl = document.createElement('canvas').getContext('webgl2');
+    if (!gl) return 'dom';
+    const info = gl.getExtension('WEBGL_debug_renderer_info');
+    const name = info ? String(gl.getParameter(info.UNMASKED_RENDERER_WEBGL)) : '';
+    if (/swiftshader|llvmpipe|softpipe|software/i.test(name)) return 'dom';
+    return 'webgl';
+  } catch (e) { return 'dom'; }
+}
+renderer = probeRenderer();
+
+new QWebChannel(qt.webChannelTransport, (channel) => {
+  bridge = channel.objects.bridge;
+  bridge.termReady();
+});

@@ -1,0 +1,524 @@
+#include "TerminalView.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDesktopServices>
+#include <QEvent>
+#include <QFontDatabase>
+#include <QPainter>
+#include <QResizeEvent>
+#include <QUrl>
+#include <QVBoxLayout>
+#include <QWebChannel>
+#include <QWebEnginePage>
+#include <QWebEngineView>
+
+#include "FrozenOverlay.h"
+#include "Logger.h"
+#include "TabItemView.h"
+#include "Theme.h"
+
+namespace ostv {
+
+namespace {
+
+constexpr int kFrameMs = 16;  // output is coalesced per frame
+constexpr qsizetype kMaxFrameScript = 256 * 1024;
+
+// Decoded size of a base64 text (what the page will acknowledge).
+int64_t decodedSize(qsizetype b64) { return static_cast<int64_t>(b64 / 4 * 3); }
+
+std::optional<int64_t> wholeNumber(const QVariant& v) {
+    bool ok = false;
+    switch (v.typeId()) {
+        case QMetaType::Int:
+        case QMetaType::LongLong:
+        case QMetaType::UInt:
+        case QMetaType::ULongLong: return v.toLongLong();
+        case QMetaType::Double: {
+            const double d = v.toDouble(&ok);
+            if (!ok || d != static_cast<double>(static_cast<int64_t>(d))) return std::nullopt;
+            return static_cast<int64_t>(d);
+        }
+        default: return std::nullopt;
+    }
+}
+
+class Dot : public QWidget {
+public:
+    explicit Dot(QWidget* parent) : QWidget(parent) { setFixedSize(8, 8); }
+    QColor colour = QColor(136, 136, 136);
+protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter p(this);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(Qt::NoPen);
+        p.setBrush(colour);
+        p.drawRoundedRect(rect(), 4, 4);
+    }
+};
+
+QWidget* line(QWidget* parent) {
+    auto* w = new QWidget(parent);
+    w->setFixedHeight(1);
+    w->setAutoFillBackground(true);
+    return w;
+}
+
+}  // namespace
+
+// ---- bridge ----
+
+TerminalBridge::TerminalBridge(TerminalView* view) : QObject(view), view_(view) {}
+
+void TerminalBridge::termReady() { view_->onPageReady(); }
+
+void TerminalBridge::termInput(const QVariant& body) {
+    if (body.typeId() != QMetaType::QVariantMap) return;
+    const QVariantMap m = body.toMap();
+    const QVariant data = m.value(QStringLiteral("data"));
+    const auto id = wholeNumber(m.value(QStringLiteral("ptyId")));
+    if (data.typeId() != QMetaType::QString || !id) return;
+    view_->onInput(*id, data.toString());
+}
+
+void TerminalBridge::termResize(const QVariant& body) {
+    if (body.typeId() != QMetaType::QVariantMap) return;
+    const QVariantMap m = body.toMap();
+    const auto cols = wholeNumber(m.value(QStringLiteral("cols")));
+    const auto rows = wholeNumber(m.value(QStringLiteral("rows")));
+    const auto id = wholeNumber(m.value(QStringLiteral("ptyId")));
+    if (!cols || !rows || !id) return;
+    view_->onResize(*id, *cols, *rows);
+}
+
+void TerminalBridge::ack(const QVariant& ptyId, const QVariant& bytes) {
+    const auto id = wholeNumber(ptyId);
+    const auto n = wholeNumber(bytes);
+    if (id && n && *n > 0) view_->onAck(*id, *n);
+}
+
+void TerminalBridge::openLink(const QString& url) {
+    const QUrl u(url);
+    if (u.isValid() && (u.scheme() == QLatin1String("http") || u.scheme() == QLatin1String("https")))
+        QDesktopServices::openUrl(u);
+}
+
+void TerminalBridge::copyText(const QString& text) {
+    if (!text.isEmpty()) QGuiApplication::clipboard()->setText(text);
+}
+
+void TerminalBridge::selectionChanged(const QString& text) {
+    QClipboard* cb = QGuiApplication::clipboard();
+    if (cb->supportsSelection() && !text.isEmpty()) cb->setText(text, QClipboard::Selection);
+}
+
+void TerminalBridge::requestPaste() { view_->pasteFromClipboard(); }
+
+// ---- view ----
+
+TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
+    auto* column = new QVBoxLayout(this);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+
+    titleBar_ = new QWidget(this);
+    titleBar_->setFixedHeight(34);
+    titleBar_->setAutoFillBackground(true);
+    auto* titleRow = new QHBoxLayout(titleBar_);
+    titleRow->setContentsMargins(12, 0, 12, 0);
+    titleRow->setSpacing(6);
+    iconLabel_ = new QLabel(QStringLiteral("⌨"), titleBar_);
+    titleLabel_ = new QLabel(QStringLiteral("终端"), titleBar_);
+    QFont tf = titleLabel_->font();
+    tf.setBold(true);
+    titleLabel_->setFont(tf);
+    latencyLabel_ = new QLabel(titleBar_);
+    QFont mono = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+    latencyLabel_->setFont(mono);
+    latencyLabel_->hide();
+    auto* dot = new Dot(titleBar_);
+    statusDot_ = dot;
+    titleRow->addWidget(iconLabel_);
+    titleRow->addWidget(titleLabel_, 1);
+    titleRow->addWidget(latencyLabel_);
+    titleRow->addWidget(statusDot_);
+    column->addWidget(titleBar_);
+    topBorderView_ = line(this);
+    column->addWidget(topBorderView_);
+
+    tabBar_ = new QWidget(this);
+    tabBar_->setAutoFillBackground(true);
+    auto* tabRow = new QHBoxLayout(tabBar_);
+    tabRow->setContentsMargins(8, 2, 8, 2);
+    tabRow->setSpacing(4);
+    auto* stackHolder = new QWidget(tabBar_);
+    tabStack_ = new QHBoxLayout(stackHolder);
+    tabStack_->setContentsMargins(0, 0, 0, 0);
+    tabStack_->setSpacing(4);
+    tabStack_->addStretch(1);
+    addTabButton_ = new QToolButton(tabBar_);
+    addTabButton_->setText(QStringLiteral("+"));
+    addTabButton_->setAutoRaise(true);
+    addTabButton_->setFocusPolicy(Qt::NoFocus);
+    addTabButton_->setToolTip(QStringLiteral("新建会话"));
+    connect(addTabButton_, &QToolButton::clicked, this, [this] {
+        if (auto* d = delegate_.get()) d->terminalViewDidRequestNewTab(this);
+    });
+    tabRow->addWidget(stackHolder, 1);
+    tabRow->addWidget(addTabButton_);
+    column->addWidget(tabBar_);
+    tabBorderView_ = line(this);
+    column->addWidget(tabBorderView_);
+
+    contentView_ = new QWidget(this);
+    auto* content = new QVBoxLayout(contentView_);
+    content->setContentsMargins(0, 0, 0, 0);
+    webView_ = new QWebEngineView(contentView_);
+    content->addWidget(webView_);
+    column->addWidget(contentView_, 1);
+
+    frozenOverlay_ = new FrozenOverlay(contentView_);
+    frozenOverlay_->raise();
+    contentView_->installEventFilter(this);
+
+    bridge_ = new TerminalBridge(this);
+    channel_ = new QWebChannel(this);
+    channel_->registerObject(QStringLiteral("bridge"), bridge_);
+    webView_->page()->setWebChannel(channel_);
+    webView_->page()->setBackgroundColor(Theme::isDarkMode() ? QColor(30, 30, 30) : Qt::white);
+    connect(webView_->page(), &QWebEnginePage::renderProcessTerminated, this,
+            [this](QWebEnginePage::RenderProcessTerminationStatus, int code) {
+                // The page is gone with everything it drew: start it again and recreate the terminals,
+                // so the sessions stay usable; nothing waits on acknowledgements that will never come.
+                Logger::error("Terminal page process ended (code " + std::to_string(code) + "); reloading it");
+                isWebViewReady = false;
+                frameScript_.clear();
+                unackedPerPty_.clear();
+                unacked_ = 0;
+                if (receivePaused_) {
+                    receivePaused_ = false;
+                    if (auto* l = link_.get()) l->setReceivePaused(false);
+                }
+                pendingOutputs.clear();
+                for (int64_t id : tabPtyIds) pendingOutputs.emplace_back(QStringLiteral("__CREATE__%1").arg(id), id);
+                webView_->load(QUrl(QStringLiteral("qrc:/terminal/terminal.html")));
+            });
+
+    frameTimer_.setSingleShot(true);
+    frameTimer_.setInterval(kFrameMs);
+    connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::flushOutput);
+
+    webView_->load(QUrl(QStringLiteral("qrc:/terminal/terminal.html")));
+    updateTabBar();
+    applyTheme();
+}
+
+TerminalView::~TerminalView() {
+    if (receivePaused_) {
+        if (auto* l = link_.get()) l->setReceivePaused(false);  // never leave the link stalled behind us
+    }
+}
+
+void TerminalView::run(const QString& script) {
+    if (!frameScript_.isEmpty()) flushOutput();  // keep every call in order with the output before it
+    if (scriptObserver) scriptObserver(script);
+    webView_->page()->runJavaScript(script);
+}
+
+void TerminalView::flushOutput() {
+    frameTimer_.stop();
+    if (frameScript_.isEmpty()) return;
+    QString script;
+    script.swap(frameScript_);
+    if (scriptObserver) scriptObserver(script);
+    webView_->page()->runJavaScript(script);
+}
+
+void TerminalView::onPageReady() {
+    if (isWebViewReady) return;
+    isWebViewReady = true;
+    run(QStringLiteral("setTheme('%1')").arg(Theme::isDarkMode() ? "dark" : "light"));
+    auto queued = std::move(pendingOutputs);
+    pendingOutputs.clear();
+    for (auto& [text, id] : queued) {
+        if (text.startsWith(QLatin1String("__CREATE__"))) {
+            run(QStringLiteral("createTerminal(%1)").arg(text.mid(10)));
+        } else {
+            const int64_t n = decodedSize(text.size());
+            unackedPerPty_[id] += n;
+            unacked_ += n;
+            run(QStringLiteral("writeOutput('") + text + QStringLiteral("',") + QString::number(id) + QLatin1Char(')'));
+        }
+    }
+    emit pageReady();
+}
+
+void TerminalView::createTab(int64_t ptyId, const QString& title) {
+    if (tabPtyIds.contains(ptyId)) return;
+    tabPtyIds.push_back(ptyId);
+    if (!isWebViewReady) {
+        pendingOutputs.emplace_back(QStringLiteral("__CREATE__%1").arg(ptyId), ptyId);
+        return;
+    }
+    run(QStringLiteral("createTerminal(%1)").arg(ptyId));
+    activePtyId = ptyId;
+    addTabItem(ptyId, title);
+    titleLabel_->setText(title);
+    updateTabBar();
+}
+
+void TerminalView::addTabItem(int64_t ptyId, const QString& title) {
+    tabTitles[ptyId] = title;
+    auto* item = new TabItemView(ptyId, title, tabBar_);
+    QPointer<TerminalView> self(this);
+    item->onSelect = [self](int64_t id) {
+        if (self) self->switchTab(id);
+    };
+    item->onClose = [self](int64_t id) {
+        if (self && self->tabPtyIds.size() >= 2) self->closeTab(id);  // the last tab's close does nothing
+    };
+    tabStack_->insertWidget(tabStack_->count() - 1, item);
+    tabItems[ptyId] = item;
+    updateTabStyles();
+}
+
+void TerminalView::updateTabStyles() {
+    for (auto& [id, item] : tabItems) {
+        if (terminatedTabs.contains(id))
+            item->setState(TabItemView::State::terminated);
+        else if (id == activePtyId)
+            item->setState(TabItemView::State::active);
+        else
+            item->setState(TabItemView::State::inactive);
+    }
+}
+
+void TerminalView::updateTabBar() {
+    const bool show = tabPtyIds.size() >= 2;
+    tabBar_->setFixedHeight(show ? 30 : 0);
+    tabBar_->setVisible(show);
+    tabBorderView_->setVisible(show);
+}
+
+void TerminalView::switchTab(int64_t ptyId) {
+    activePtyId = ptyId;
+    run(QStringLiteral("switchTerminal(%1)").arg(ptyId));
+    updateTabStyles();
+    if (auto it = tabTitles.find(ptyId); it != tabTitles.end()) titleLabel_->setText(it->second);
+    if (tabPtyIds.contains(ptyId)) hideFrozenOverlay();
+    if (auto* d = delegate_.get()) d->terminalViewDidSwitchToTab(this, ptyId);
+}
+
+void TerminalView::closeTab(int64_t ptyId) {
+    const qsizetype index = tabPtyIds.indexOf(ptyId);
+    if (index < 0) return;
+    tabPtyIds.removeAt(index);
+    run(QStringLiteral("removeTerminal(%1)").arg(ptyId));
+    forgetUnacked(ptyId);
+    if (auto it = tabItems.find(ptyId); it != tabItems.end()) {
+        it->second->hide();
+        it->second->deleteLater();
+        tabItems.erase(it);
+    }
+    if (activePtyId == ptyId && !tabPtyIds.isEmpty()) switchTab(tabPtyIds.at(index > 0 ? index - 1 : 0));
+    terminatedTabs.remove(ptyId);
+    tabTitles.erase(ptyId);
+    updateTabBar();
+    if (auto* d = delegate_.get()) d->terminalViewDidCloseTab(this, ptyId);
+}
+
+void TerminalView::removeAllTabs() {
+    for (int64_t id : tabPtyIds) run(QStringLiteral("removeTerminal(%1)").arg(id));
+    for (auto& [id, item] : tabItems) {
+        item->hide();
+        item->deleteLater();
+    }
+    tabPtyIds.clear();
+    tabItems.clear();
+    terminatedTabs.clear();
+    tabTitles.clear();
+    pendingOutputs.clear();  // nothing queued for a terminal that no longer exists
+    for (auto& [id, n] : std::map<int64_t, int64_t>(unackedPerPty_)) forgetUnacked(id);
+    updateTabBar();
+}
+
+QString TerminalView::escapeForScript(const QString& text) {
+    QString out;
+    out.reserve(text.size() + 8);
+    for (QChar c : text) {
+        switch (c.unicode()) {
+            case '\\': out += QLatin1String("\\\\"); break;
+            case '\'': out += QLatin1String("\\'"); break;
+            case '\n': out += QLatin1String("\\n"); break;
+            case '\r': out += QLatin1String("\\r"); break;
+            case 0x2028: out += QLatin1String("\\u2028"); break;  // line breaks to a script, too
+            case 0x2029: out += QLatin1String("\\u2029"); break;
+            default: out += c;
+        }
+    }
+    return out;
+}
+
+void TerminalView::maskTab(int64_t ptyId, const QString& message) {
+    terminatedTabs.insert(ptyId);
+    run(QStringLiteral("maskTerminal(%1,'%2')").arg(ptyId).arg(escapeForScript(message)));
+    if (auto it = tabItems.find(ptyId); it != tabItems.end()) {
+        const auto title = tabTitles.find(ptyId);
+        const bool titled = title != tabTitles.end() && !title->second.isEmpty();
+        it->second->setTitle(QStringLiteral("⊘ ") + (titled ? title->second : QStringLiteral("终端")));
+    }
+    updateTabStyles();
+}
+
+void TerminalView::writeOutput(const std::string& base64, int64_t ptyId) {
+    if (terminatedTabs.contains(ptyId)) return;
+    const QString text = QString::fromLatin1(base64.data(), static_cast<qsizetype>(base64.size()));
+    if (!isWebViewReady) {
+        pendingOutputs.emplace_back(text, ptyId);
+        return;
+    }
+    const int64_t n = decodedSize(text.size());
+    unackedPerPty_[ptyId] += n;
+    unacked_ += n;
+    if (!receivePaused_ && unacked_ > kPauseAbove) {
+        receivePaused_ = true;
+        if (auto* l = link_.get()) l->setReceivePaused(true);
+    }
+    frameScript_ += QStringLiteral("writeOutput('") + text + QStringLiteral("',") + QString::number(ptyId) +
+                    QStringLiteral(");");
+    if (frameScript_.size() >= kMaxFrameScript)
+        flushOutput();  // very large scripts are not delivered reliably: hand over in slices
+    else if (!frameTimer_.isActive())
+        frameTimer_.start();
+}
+
+void TerminalView::onAck(int64_t ptyId, int64_t bytes) {
+    auto it = unackedPerPty_.find(ptyId);
+    if (it == unackedPerPty_.end()) return;
+    const int64_t n = std::min(bytes, it->second);
+    it->second -= n;
+    unacked_ -= n;
+    if (it->second == 0) unackedPerPty_.erase(it);
+    if (receivePaused_ && unacked_ < kResumeBelow) {
+        receivePaused_ = false;
+        if (auto* l = link_.get()) l->setReceivePaused(false);
+    }
+}
+
+void TerminalView::forgetUnacked(int64_t ptyId) {
+    auto it = unackedPerPty_.find(ptyId);
+    if (it == unackedPerPty_.end()) return;
+    onAck(ptyId, it->second);
+}
+
+void TerminalView::onInput(int64_t ptyId, const QString& data) {
+    if (!delegate_ || terminatedTabs.contains(ptyId)) return;
+    RelayLink* l = link_.get();
+    if (!l || !l->isLinkConnected()) return;
+    Message m("INPUT");
+    m.ptyId = ptyId;
+    m.data = data.toStdString();
+    l->send(m);
+}
+
+void TerminalView::onResize(int64_t ptyId, int64_t cols, int64_t rows) {
+    if (!delegate_) return;
+    RelayLink* l = link_.get();
+    if (!l || !l->isLinkConnected()) return;
+    Message m("RESIZE");
+    m.ptyId = ptyId;
+    m.cols = cols;
+    m.rows = rows;
+    l->send(m);
+}
+
+void TerminalView::clearScreen(int64_t ptyId, bool useActive) {
+    run(QStringLiteral("clearTerminal(%1)").arg(useActive ? activePtyId : ptyId));
+}
+
+void TerminalView::triggerResize(int64_t ptyId, bool useActive) {
+    run(QStringLiteral("resizeTerminal(%1)").arg(useActive ? activePtyId : ptyId));
+}
+
+void TerminalView::focus() {
+    webView_->setFocus(Qt::OtherFocusReason);
+    run(QStringLiteral("focusTerminal(%1)").arg(activePtyId));
+}
+
+void TerminalView::pasteText(const QString& text) {
+    if (text.isEmpty()) return;
+    run(QStringLiteral("pasteText('") + escapeForScript(text) + QStringLiteral("')"));
+}
+
+void TerminalView::pasteFromClipboard() { pasteText(QGuiApplication::clipboard()->text()); }
+
+void TerminalView::showFrozenOverlay() {
+    frozenOverlay_->setMessage(QStringLiteral("选择目录或添加会话以启动终端"));
+    frozenOverlay_->show();
+    frozenOverlay_->raise();
+    layoutOverlay();
+}
+
+void TerminalView::hideFrozenOverlay() { frozenOverlay_->hide(); }
+
+void TerminalView::showEmptyState(const QString& text) {
+    frozenOverlay_->setMessage(text);
+    frozenOverlay_->show();
+    frozenOverlay_->raise();
+    layoutOverlay();
+}
+
+void TerminalView::updateLatency(int64_t ms) {
+    latencyLabel_->setText(QString::number(ms) + QStringLiteral("ms"));
+    QColor c = ms < 100 ? Theme::systemGreen() : ms < 300 ? QColor(0xE6, 0xB4, 0x00) : Theme::systemRed();
+    QPalette p = latencyLabel_->palette();
+    p.setColor(QPalette::WindowText, c);
+    latencyLabel_->setPalette(p);
+    latencyLabel_->show();
+}
+
+void TerminalView::hideLatency() { latencyLabel_->hide(); }
+
+void TerminalView::setTitle(const QString& text) { titleLabel_->setText(text); }
+
+void TerminalView::setStatusColor(const QColor& c) {
+    static_cast<Dot*>(statusDot_)->colour = c;
+    statusDot_->update();
+}
+
+void TerminalView::applyTheme() {
+    const bool dark = Theme::isDarkMode();
+    auto fill = [](QWidget* w, const QColor& c) {
+        QPalette p = w->palette();
+        p.setColor(QPalette::Window, c);
+        w->setPalette(p);
+    };
+    fill(titleBar_, Theme::panelBackground());
+    fill(tabBar_, Theme::panelBackground());
+    fill(topBorderView_, Theme::border());
+    fill(tabBorderView_, Theme::border());
+    webView_->page()->setBackgroundColor(dark ? QColor(30, 30, 30) : Qt::white);
+    frozenOverlay_->applyTheme();
+    for (auto& [id, item] : tabItems) item->applyStyle();
+    if (isWebViewReady) run(QStringLiteral("setTheme('%1')").arg(dark ? "dark" : "light"));
+}
+
+void TerminalView::layoutOverlay() { frozenOverlay_->setGeometry(contentView_->rect()); }
+
+bool TerminalView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == contentView_ && event->type() == QEvent::Resize) layoutOverlay();
+    return QWidget::eventFilter(watched, event);
+}
+
+void TerminalView::resizeEvent(QResizeEvent* e) {
+    QWidget::resizeEvent(e);
+    layoutOverlay();
+}
+
+void TerminalView::changeEvent(QEvent* e) {
+    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    QWidget::changeEvent(e);
+}
+
+}  // namespace ostv

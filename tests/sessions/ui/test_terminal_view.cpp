@@ -1,0 +1,208 @@
+#include <gtest/gtest.h>
+
+#include <QJsonDocument>
+#include <QWebEnginePage>
+#include <QWebEngineView>
+
+#include "Fakes.h"
+#include "TabItemView.h"
+#include "TerminalView.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using namespace ostv::test;
+
+namespace {
+
+class FakeViewDelegate : public QObject, public TerminalViewDelegate {
+public:
+    int newTabRequests = 0;
+    std::vector<int64_t> switched, closed;
+    void terminalViewDidRequestNewTab(TerminalView*) override { ++newTabRequests; }
+    void terminalViewDidSwitchToTab(TerminalView*, int64_t id) override { switched.push_back(id); }
+    void terminalViewDidCloseTab(TerminalView*, int64_t id) override { closed.push_back(id); }
+};
+
+std::string b64(const QByteArray& bytes) { return bytes.toBase64().toStdString(); }
+
+class TerminalViewTest : public ::testing::Test {
+protected:
+    FakeLink link;
+    FakeViewDelegate delegate;
+    std::unique_ptr<TerminalView> view;
+    QStringList scripts;
+
+    void SetUp() override {
+        view = std::make_unique<TerminalView>();
+        view->setLink(&link);
+        view->setDelegate(&delegate);
+        view->scriptObserver = [this](const QString& s) { scripts << s; };
+        view->resize(900, 600);
+        view->show();
+    }
+    void TearDown() override { view.reset(); }
+
+    void waitReady() { ASSERT_TRUE(waitUntil([&] { return view->isWebViewReady; }, 60000)) << "page never became ready"; }
+
+    // Evaluates an expression in the page and waits for its value.
+    QVariant eval(const QString& js) {
+        QVariant result;
+        bool done = false;
+        view->webView()->page()->runJavaScript(js, [&](const QVariant& v) { result = v; done = true; });
+        EXPECT_TRUE(waitUntil([&] { return done; }, 10000)) << js.toStdString();
+        return result;
+    }
+    QString pageText(int64_t id) { return eval(QStringLiteral("__terminalText(%1)").arg(id)).toString(); }
+    bool pageShows(int64_t id, const QString& needle, int ms = 10000) {
+        return waitUntil([&] { return pageText(id).contains(needle); }, ms);
+    }
+    void tabs(std::initializer_list<int64_t> ids) {
+        for (int64_t id : ids) view->createTab(id, QStringLiteral("t%1").arg(id));
+    }
+};
+
+TEST_F(TerminalViewTest, OutputBeforeReadyIsWrittenAfterItsCreationInOrder) {
+    ASSERT_FALSE(view->isWebViewReady);
+    view->createTab(1, "one");
+    view->writeOutput(b64("first "), 1);
+    view->writeOutput(b64("second"), 1);
+    EXPECT_TRUE(view->tabItems.empty());  // no tab item before the page is there
+    waitReady();
+    ASSERT_TRUE(pageShows(1, "first second"));
+    const int create = scripts.indexOf("createTerminal(1)");
+    ASSERT_GE(create, 0);
+    int firstWrite = -1;
+    for (int i = 0; i < scripts.size(); ++i)
+        if (scripts[i].startsWith("writeOutput('")) { firstWrite = i; break; }
+    EXPECT_GT(firstWrite, create);
+    EXPECT_EQ(scripts[firstWrite], QString("writeOutput('%1',1)").arg(QString::fromStdString(b64("first "))));
+}
+
+TEST_F(TerminalViewTest, Utf8SplitAcrossChunksAndWideCharactersRenderWhole) {
+    waitReady();
+    tabs({1});
+    const QByteArray text = QString::fromUtf8("中😀 ok").toUtf8();
+    view->writeOutput(b64(text.left(2)), 1);  // cuts the first character in the middle
+    view->writeOutput(b64(text.mid(2)), 1);
+    ASSERT_TRUE(pageShows(1, QString::fromUtf8("中😀 ok")));
+    // Unicode 11 widths: the emoji is wide there (older tables make it narrow), so the cursor stands at 7.
+    EXPECT_EQ(eval("terminals.get(1).term.buffer.active.cursorX").toInt(), 7);
+}
+
+TEST_F(TerminalViewTest, MaskedTabDropsOutputAndInputAndIsLabelled) {
+    waitReady();
+    view->createTab(1, QString());
+    view->createTab(2, "two");
+    view->writeOutput(b64("before"), 1);
+    view->maskTab(1, "会话已被接管");
+    view->writeOutput(b64("after"), 1);
+    ASSERT_TRUE(pageShows(1, "before"));
+    spin(200);
+    EXPECT_FALSE(pageText(1).contains("after"));
+    EXPECT_TRUE(scripts.contains("maskTerminal(1,'会话已被接管')"));
+    EXPECT_EQ(view->tabItems.at(1)->title(), "⊘ 终端");  // no stored title
+    EXPECT_EQ(view->tabItems.at(1)->state(), TabItemView::State::terminated);
+    // Keystrokes from the page: dropped for the masked tab, sent for the live one.
+    eval("bridge.termInput({data: 'x', ptyId: 1}); bridge.termInput({data: 'y', ptyId: 2}); 0");
+    eval("bridge.termInput('not a dictionary'); bridge.termInput({data: 5, ptyId: 2}); bridge.termInput({ptyId: 2}); 0");
+    ASSERT_TRUE(waitUntil([&] { return !link.ofType("INPUT").empty(); }, 5000));
+    spin(100);
+    auto inputs = link.ofType("INPUT");
+    ASSERT_EQ(inputs.size(), 1u);
+    EXPECT_EQ(inputs[0].ptyId, 2);
+    EXPECT_EQ(inputs[0].data, "y");
+}
+
+TEST_F(TerminalViewTest, TabStripAndClosingRules) {
+    waitReady();
+    tabs({1});
+    EXPECT_EQ(view->tabBarHeight(), 0);
+    tabs({2, 3});
+    EXPECT_EQ(view->tabBarHeight(), 30);
+    EXPECT_EQ(view->activePtyId, 3);
+    view->switchTab(2);
+    EXPECT_EQ(view->tabItems.at(2)->state(), TabItemView::State::active);
+    EXPECT_EQ(view->tabItems.at(1)->state(), TabItemView::State::inactive);
+    view->closeTab(2);  // the active middle tab: its left neighbour takes over
+    EXPECT_EQ(view->activePtyId, 1);
+    EXPECT_EQ(view->tabPtyIds, (QList<int64_t>{1, 3}));
+    view->closeTab(1);  // the first: the new first takes over
+    EXPECT_EQ(view->activePtyId, 3);
+    EXPECT_EQ(view->tabBarHeight(), 0);
+    EXPECT_EQ(delegate.closed, (std::vector<int64_t>{2, 1}));
+    // The only tab's close button does nothing.
+    view->tabItems.at(3)->closeButton()->click();
+    EXPECT_EQ(view->tabPtyIds, QList<int64_t>{3});
+    view->removeAllTabs();
+    EXPECT_TRUE(view->tabPtyIds.isEmpty());
+    EXPECT_EQ(delegate.closed.size(), 2u);  // removing all sends no close request
+    ASSERT_TRUE(waitUntil([&] { return eval("__pageState().ids.length").toInt() == 0; }, 5000));
+}
+
+TEST_F(TerminalViewTest, PasteArgumentDecodesBackToTheSameText) {
+    waitReady();
+    tabs({1});
+    const QString text = QString::fromUtf8("it's a \\path\\ and\nline two\r\n\"end\" 中");
+    view->pasteText(text);
+    ASSERT_FALSE(scripts.isEmpty());
+    const QString call = scripts.last();
+    ASSERT_TRUE(call.startsWith("pasteText('") && call.endsWith("')"));
+    const QString argument = call.mid(10, call.size() - 11);  // the quoted literal, quotes included
+    EXPECT_EQ(eval(argument).toString(), text);
+    // And it reaches the shell as typed input (the terminal turns line feeds into carriage returns).
+    ASSERT_TRUE(waitUntil([&] { return !link.ofType("INPUT").empty(); }, 5000));
+    QString typed;
+    for (const auto& m : link.ofType("INPUT")) typed += QString::fromStdString(*m.data);
+    QString expected = text;
+    expected.replace("\r\n", "\r").replace('\n', '\r');
+    EXPECT_EQ(typed, expected);
+}
+
+TEST_F(TerminalViewTest, ResizeReportsTheFittedSize) {
+    waitReady();
+    tabs({1});
+    link.sent.clear();
+    view->triggerResize(1, false);
+    ASSERT_TRUE(waitUntil([&] { return !link.ofType("RESIZE").empty(); }, 5000));
+    auto r = link.ofType("RESIZE").back();
+    EXPECT_EQ(r.ptyId, 1);
+    EXPECT_GT(*r.cols, 20);
+    EXPECT_GT(*r.rows, 5);
+    link.connected = false;  // nothing is sent while the link is down
+    link.sent.clear();
+    view->resize(700, 500);
+    view->triggerResize(0, true);
+    spin(300);
+    EXPECT_TRUE(link.ofType("RESIZE").empty());
+}
+
+TEST_F(TerminalViewTest, FloodPausesTheLinkUntilThePageCatchesUp) {
+    waitReady();
+    tabs({1});
+    const std::string chunk = b64(QByteArray(48 * 1024, 'y').replace(80, 1, "\n"));
+    for (int i = 0; i < 64; ++i) view->writeOutput(chunk, 1);  // 3 MiB handed over in one go
+    EXPECT_TRUE(view->receivePaused());
+    EXPECT_TRUE(link.paused);
+    const bool drained = waitUntil([&] { return view->unacknowledgedBytes() == 0; }, 60000);
+    ASSERT_TRUE(drained) << "still unacknowledged: " << view->unacknowledgedBytes()
+                         << " page: " << QJsonDocument::fromVariant(eval("__pageState()")).toJson().toStdString();
+    EXPECT_FALSE(view->receivePaused());
+    EXPECT_FALSE(link.paused);
+}
+
+TEST_F(TerminalViewTest, LatencyColoursAndEscaping) {
+    view->updateLatency(42);
+    EXPECT_EQ(view->latencyLabel()->text(), "42ms");
+    const QColor green = view->latencyLabel()->palette().color(QPalette::WindowText);
+    view->updateLatency(150);
+    const QColor yellow = view->latencyLabel()->palette().color(QPalette::WindowText);
+    view->updateLatency(300);
+    const QColor red = view->latencyLabel()->palette().color(QPalette::WindowText);
+    EXPECT_GT(green.green(), green.red());
+    EXPECT_GT(red.red(), red.green());
+    EXPECT_NE(yellow, green);
+    EXPECT_NE(yellow, red);
+    EXPECT_EQ(TerminalView::escapeForScript("a'b\\c\nd"), "a\\'b\\\\c\\nd");
+}
+
+}  // namespace
