@@ -1,0 +1,217 @@
+#include "LoginViewController.h"
+
+#include <QEvent>
+#include <QFontDatabase>
+#include <QPainter>
+#include <QPointer>
+#include <QVBoxLayout>
+
+#include "AdminAPIClient.h"
+#include "AdminPassword.h"
+#include "AppDelegate.h"
+#include "ServerConfig.h"
+#include "Theme.h"
+
+namespace ostv {
+
+namespace {
+const QChar kMask(0x25CF);  // ●
+
+QLabel* label(const QString& text, double pt, QWidget* parent, bool bold = false) {
+    auto* l = new QLabel(text, parent);
+    QFont f = l->font();
+    f.setPointSizeF(pt * 0.75);  // the design's sizes are in points of a 96-dpi screen
+    f.setBold(bold);
+    l->setFont(f);
+    l->setAlignment(Qt::AlignCenter);
+    l->setTextFormat(Qt::PlainText);
+    return l;
+}
+
+QLineEdit* field(const QString& placeholder, QWidget* parent) {
+    auto* f = new QLineEdit(parent);
+    f->setPlaceholderText(placeholder);
+    f->setFixedHeight(32);
+    QFont font = f->font();
+    font.setPointSizeF(13 * 0.75);
+    f->setFont(font);
+    f->setAttribute(Qt::WA_MacShowFocusRect, false);
+    f->setInputMethodHints(Qt::ImhNoPredictiveText | Qt::ImhNoAutoUppercase);
+    return f;
+}
+}  // namespace
+
+QString applyPasswordEdit(const QString& text, QString& password) {
+    if (text.size() > password.size()) {
+        for (QChar c : text)
+            if (c != kMask) password.append(c);
+    } else if (text.size() < password.size()) {
+        password.truncate(text.size());
+    }
+    return QString(password.size(), kMask);
+}
+
+LoginViewController::LoginViewController(QWidget* parent) : QWidget(parent) {
+    resize(1280, 820);
+    auto* outer = new QVBoxLayout(this);
+    outer->addStretch(1);
+    auto* column = new QVBoxLayout();
+    column->setSpacing(40);
+    outer->addLayout(column);
+    outer->addStretch(1);
+
+    auto* header = new QVBoxLayout();
+    header->setSpacing(6);
+    auto* brandIcon = label(QStringLiteral("▣"), 56, this);
+    QPalette accent = brandIcon->palette();
+    accent.setColor(QPalette::WindowText, Theme::accent());
+    brandIcon->setPalette(accent);
+    brandText_ = label(QStringLiteral("Ostvarren"), 48, this, true);
+    subtitle_ = label(QStringLiteral("Remote terminals, relayed and shared"), 14, this);
+    tagline_ = label(QStringLiteral("远程终端中继 · 多端协同 · 实时接管"), 13, this);
+    header->addWidget(brandIcon);
+    header->addWidget(brandText_);
+    header->addWidget(subtitle_);
+    header->addWidget(tagline_);
+    column->addLayout(header);
+
+    card_ = new QWidget(this);
+    card_->setObjectName(QStringLiteral("loginCard"));
+    card_->setFixedWidth(380);
+    auto* stack = new QVBoxLayout(card_);
+    stack->setContentsMargins(24, 24, 24, 24);
+    stack->setSpacing(14);
+    hostField = field(QStringLiteral("服务器地址"), card_);
+    userField = field(QStringLiteral("用户名"), card_);
+    passField = field(QStringLiteral("密码"), card_);
+    passField->setContextMenuPolicy(Qt::NoContextMenu);  // no copying the masks around
+    errorLabel = new QLabel(card_);
+    QFont ef = errorLabel->font();
+    ef.setPointSizeF(11 * 0.75);
+    errorLabel->setFont(ef);
+    errorLabel->setAlignment(Qt::AlignCenter);
+    errorLabel->setWordWrap(true);
+    errorLabel->hide();
+    loginButton = new QPushButton(QStringLiteral("登录"), card_);
+    loginButton->setFixedHeight(36);
+    QFont bf = loginButton->font();
+    bf.setPointSizeF(14 * 0.75);
+    bf.setWeight(QFont::DemiBold);
+    loginButton->setFont(bf);
+    loginButton->setDefault(true);
+    for (QWidget* w : {static_cast<QWidget*>(hostField), static_cast<QWidget*>(userField),
+                       static_cast<QWidget*>(passField), static_cast<QWidget*>(errorLabel),
+                       static_cast<QWidget*>(loginButton)})
+        stack->addWidget(w);
+    auto* cardRow = new QHBoxLayout();
+    cardRow->addStretch(1);
+    cardRow->addWidget(card_);
+    cardRow->addStretch(1);
+    column->addLayout(cardRow);
+
+    versionLabel = new QLabel(QStringLiteral("v1.0.0 · #04060750"), this);
+    QFont vf = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+    vf.setPointSizeF(11 * 0.75);
+    versionLabel->setFont(vf);
+    versionLabel->setAlignment(Qt::AlignCenter);
+    column->addWidget(versionLabel);
+
+    for (QLineEdit* f : {hostField, userField, passField})
+        connect(f, &QLineEdit::returnPressed, this, &LoginViewController::onLoginClicked);
+    connect(loginButton, &QPushButton::clicked, this, &LoginViewController::onLoginClicked);
+    connect(passField, &QLineEdit::textEdited, this, &LoginViewController::controlTextDidChange);
+
+    applyTheme();
+    prefillDefaults();
+    AdminAPIClient::shared().warmUp();  // open the connection while the user is still typing
+}
+
+void LoginViewController::prefillDefaults() {
+    hostField->setText(ServerConfig::serverHost());
+    const auto user = ServerConfig::string(SettingsKey::adminUsername);
+    userField->setText(user && !user->isEmpty() ? *user : QString::fromLatin1(ServerConfig::defaultAdminUsername));
+    const auto pass = AdminPassword::read();
+    realPassword = pass && !pass->isEmpty() ? *pass : QString::fromLatin1(ServerConfig::defaultAdminPassword);
+    passField->setText(QString(realPassword.size(), kMask));
+}
+
+void LoginViewController::controlTextDidChange(const QString& text) {
+    const QString masked = applyPasswordEdit(text, realPassword);
+    passField->setText(masked);
+    passField->setCursorPosition(static_cast<int>(masked.size()));
+}
+
+void LoginViewController::onLoginClicked() {
+    if (isLoading) return;
+    const QString host = hostField->text().trimmed();
+    const QString user = userField->text().trimmed();
+    const QString pass = realPassword;
+    if (host.isEmpty() || user.isEmpty() || pass.isEmpty()) {
+        errorLabel->setText(QStringLiteral("请填写服务器地址、用户名和密码"));
+        errorLabel->show();
+        return;
+    }
+    ServerConfig::setString(SettingsKey::serverHost, host);
+    ServerConfig::setString(SettingsKey::adminUsername, user);
+    ServerConfig::defaults().sync();
+    AdminPassword::write(pass);
+
+    errorLabel->hide();
+    isLoading = true;
+    updateLoadingState();
+    QPointer<LoginViewController> self(this);
+    AdminAPIClient::shared().login(user, pass, [self](bool success, std::optional<QString> message) {
+        if (!self) return;
+        self->isLoading = false;
+        self->updateLoadingState();
+        if (success) {
+            if (AppDelegate* app = AppDelegate::instance()) app->showMain();
+        } else {
+            self->errorLabel->setText(message.value_or(QStringLiteral("登录失败")));
+            self->errorLabel->show();
+        }
+    });
+}
+
+void LoginViewController::updateLoadingState() {
+    loginButton->setText(isLoading ? QStringLiteral("登录中…") : QStringLiteral("登录"));
+    for (QWidget* w : {static_cast<QWidget*>(loginButton), static_cast<QWidget*>(hostField),
+                       static_cast<QWidget*>(userField), static_cast<QWidget*>(passField)})
+        w->setEnabled(!isLoading);
+}
+
+void LoginViewController::applyTheme() {
+    const bool dark = Theme::isDarkMode();
+    card_->setStyleSheet(QStringLiteral("#loginCard{background:%1;border:1px solid %2;border-radius:12px;}")
+                             .arg(Theme::grey(dark ? 0.15 : 0.95).name(), Theme::grey(dark ? 0.2 : 0.85).name()));
+    auto colour = [](QLabel* l, const QColor& c) {
+        QPalette p = l->palette();
+        p.setColor(QPalette::WindowText, c);
+        l->setPalette(p);
+    };
+    colour(tagline_, Theme::secondaryLabel());
+    colour(subtitle_, Theme::label());
+    colour(errorLabel, Theme::systemRed());
+    colour(versionLabel, Theme::grey(dark ? 0.55 : 0.5));
+    update();
+}
+
+void LoginViewController::showEvent(QShowEvent* e) {
+    QWidget::showEvent(e);
+    if (!focused_) {
+        focused_ = true;
+        userField->setFocus(Qt::OtherFocusReason);  // the cursor starts in the user-name field
+    }
+}
+
+void LoginViewController::paintEvent(QPaintEvent*) {
+    QPainter p(this);
+    p.fillRect(rect(), Theme::grey(Theme::isDarkMode() ? 0.12 : 0.97));
+}
+
+void LoginViewController::changeEvent(QEvent* e) {
+    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    QWidget::changeEvent(e);
+}
+
+}  // namespace ostv

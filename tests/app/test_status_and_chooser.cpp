@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <QTest>
+
+#include "ControllerListViewController.h"
+#include "StatusBarView.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+
+TEST(StatusBar, TextsForEveryStatus) {
+    StatusBarView bar;
+    bar.rightLabel()->setText("12ms");
+    bar.setStatus(ConnectionStatus::connected(QString("Linux")));
+    EXPECT_EQ(bar.iconLabel()->text(), "●");
+    EXPECT_EQ(bar.textLabel()->text(), "已连接 — Linux");
+    EXPECT_TRUE(bar.rightLabel()->text().isEmpty());  // emptied on every status change
+    bar.setStatus(ConnectionStatus::connected(QString()));
+    EXPECT_EQ(bar.textLabel()->text(), "已连接");
+    bar.setStatus(ConnectionStatus::connected());
+    EXPECT_EQ(bar.textLabel()->text(), "已连接");
+    bar.setStatus(ConnectionStatus::reconnecting(0));
+    EXPECT_EQ(bar.iconLabel()->text(), "⟳");
+    EXPECT_EQ(bar.textLabel()->text(), "正在重连…");
+    bar.setStatus(ConnectionStatus::reconnecting(3));
+    EXPECT_EQ(bar.textLabel()->text(), "正在重连… (第 3 次)");
+    bar.setStatus(ConnectionStatus::connecting());
+    EXPECT_EQ(bar.iconLabel()->text(), "◦");
+    EXPECT_EQ(bar.textLabel()->text(), "正在连接…");
+    bar.setStatus(ConnectionStatus::disconnected());
+    EXPECT_EQ(bar.iconLabel()->text(), "⚠");
+    EXPECT_EQ(bar.textLabel()->text(), "连接已断开");
+    const QColor orange = bar.textLabel()->palette().color(QPalette::WindowText);
+    EXPECT_GT(orange.red(), orange.blue());
+    bar.setStatus(ConnectionStatus::idle());
+    EXPECT_TRUE(bar.iconLabel()->text().isEmpty());
+    EXPECT_TRUE(bar.textLabel()->text().isEmpty());
+    EXPECT_EQ(bar.height(), 24);
+}
+
+namespace {
+class ChooserDelegate : public QObject, public ControllerListViewControllerDelegate {
+public:
+    std::vector<ControllerInfo> chosen;
+    int cancels = 0;
+    void controllerListViewControllerDidSelectController(ControllerListViewController*, const ControllerInfo& c) override {
+        chosen.push_back(c);
+    }
+    void controllerListViewControllerDidCancel(ControllerListViewController*) override { ++cancels; }
+};
+
+std::vector<ControllerInfo> two() {
+    return {{"c1", "alice", "/home/alice", std::nullopt}, {"c2", "bob", "/srv", std::string("3")}};
+}
+}  // namespace
+
+TEST(Chooser, TakeoverNeedsAValidSelection) {
+    ChooserDelegate d;
+    ControllerListViewController c(two(), 2, 2);
+    c.setDelegate(&d);
+    EXPECT_EQ(c.titleLabel->text(), "选择会话 (2/2 controllers)");
+    EXPECT_EQ(c.subtitleLabel->text(), "已达到最大连接数，选择要接管的会话");
+    EXPECT_FALSE(c.takeoverButton->isEnabled());
+    c.onTakeover();  // nothing selected: nothing happens
+    EXPECT_TRUE(d.chosen.empty());
+    c.tableView->setCurrentRow(1);
+    EXPECT_TRUE(c.takeoverButton->isEnabled());
+    c.onTakeover();
+    ASSERT_EQ(d.chosen.size(), 1u);
+    EXPECT_EQ(d.chosen[0].id, "c2");
+    EXPECT_EQ(d.cancels, 0);
+    // Rows: nickname and directory, and the PTY line only where there is one.
+    EXPECT_EQ(c.tableView->itemWidget(c.tableView->item(0))->findChildren<QLabel*>().size(), 2);
+    EXPECT_EQ(c.tableView->itemWidget(c.tableView->item(1))->findChildren<QLabel*>().size(), 3);
+}
+
+TEST(Chooser, CancelAndEscapeTellTheWorkspaceOnce) {
+    ChooserDelegate d;
+    {
+        ControllerListViewController c(two(), 8, 8);
+        c.setDelegate(&d);
+        c.show();
+        QTest::keyClick(&c, Qt::Key_Escape);
+        EXPECT_EQ(d.cancels, 1);
+    }
+    ControllerListViewController c(two(), 8, 8);
+    c.setDelegate(&d);
+    c.cancelButton->click();
+    EXPECT_EQ(d.cancels, 2);
+    EXPECT_TRUE(d.chosen.empty());
+    // With the workspace gone, cancelling still closes the sheet without a crash.
+    ControllerListViewController orphan(two(), 8, 8);
+    { ChooserDelegate gone; orphan.setDelegate(&gone); }
+    orphan.show();
+    orphan.cancelButton->click();
+    EXPECT_FALSE(orphan.isVisible());
+}
