@@ -3,18 +3,13 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+# The test mains set the headless environment themselves (tests/support/TestSupport.cpp), from
+# these build paths.
 set(OSTV_TEST_HOME "${CMAKE_BINARY_DIR}/test-home")
-set(OSTV_TEST_ENV
-  "QT_QPA_PLATFORM=offscreen"
-  "QTWEBENGINE_DISABLE_SANDBOX=1"
-  "QTWEBENGINE_CHROMIUM_FLAGS=--disable-gpu --no-sandbox"
-  "XDG_CONFIG_HOME=${OSTV_TEST_HOME}/config"
-  "XDG_DATA_HOME=${OSTV_TEST_HOME}/data"
-  "XDG_CACHE_HOME=${OSTV_TEST_HOME}/cache"
-  "XDG_RUNTIME_DIR=${OSTV_TEST_HOME}/runtime"
-  "OSTV_SERVER_BIN=${CMAKE_BINARY_DIR}/server/ostvarren-server"
-  "OSTV_SOURCE_DIR=${CMAKE_SOURCE_DIR}"
-)
+set(OSTV_TEST_DEFINITIONS
+  OSTV_TEST_HOME="${OSTV_TEST_HOME}"
+  OSTV_SERVER_BIN_DEFAULT="${CMAKE_BINARY_DIR}/server/ostvarren-server"
+  OSTV_SOURCE_DIR_DEFAULT="${CMAKE_SOURCE_DIR}")
 
 # ostv_add_gtest(name SOURCES ... LIBS ... [LABELS ...] [TIMEOUT s])
 function(ostv_add_gtest name)
@@ -27,5 +22,5 @@ function(ostv_add_gtest name)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "${OSTV_TEST_ENV}" TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}")
+    PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}")
 endfunction()

@@ -6,6 +6,10 @@
 
 namespace ostv::test {
 
+// Call first in main(), before the application object: a headless display, the web engine's flags for
+// root, private XDG folders, and where the server binary and the sources are (kept when already set).
+void prepareEnvironment();
+
 // Spins the event loop until pred() is true or the time is up; answers pred() at the end.
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 5000);
 

@@ -4,6 +4,7 @@
 #include "TestSupport.h"
 
 int main(int argc, char** argv) {
+    ostv::test::prepareEnvironment();
     QCoreApplication::setOrganizationName("Ostvarren");
     QCoreApplication::setApplicationName("Ostvarren");
     QCoreApplication app(argc, argv);
