@@ -1,5 +1,6 @@
 #include "Message.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -169,11 +170,14 @@ void restoreLongStrings(json& j, std::vector<std::string>& longs) {
     }
 }
 
+std::atomic<bool> g_fastPath{true};
+
 Decoded<json> parseJson(std::string_view text) {
     std::vector<std::string> longs;
     std::string compact;
     // Markers must not collide with text the sender wrote: lines that contain one take the plain path.
-    const bool mayCut = text.size() >= kLongString && text.find(kMarkerPrefix) == std::string_view::npos;
+    const bool mayCut = g_fastPath.load(std::memory_order_relaxed) && text.size() >= kLongString &&
+                        text.find(kMarkerPrefix) == std::string_view::npos;
     if (mayCut) {
         size_t copied = 0, pos = 0;
         for (;;) {
@@ -232,6 +236,8 @@ std::string dump(const json& j) {
 }
 
 }  // namespace
+
+void setLongStringFastPath(bool enabled) { g_fastPath.store(enabled, std::memory_order_relaxed); }
 
 Message Message::latencyPing() {
     Message m("latency_ping");

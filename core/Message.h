@@ -114,6 +114,10 @@ struct FSResultEnvelope {
     static Decoded<FSResultEnvelope> decode(std::string_view json);
 };
 
+// Tests and fuzzing: turn the long-string fast path of the decoders off (on by default), so both paths
+// can be compared on the same input.
+void setLongStringFastPath(bool enabled);
+
 // One received line, parsed once; the typed decoders then read from the parsed value. Equivalent to
 // decoding the text with each decoder in turn, without parsing a large line two or three times.
 class ReceivedLine {

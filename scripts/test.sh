@@ -7,6 +7,10 @@ bash "$root/scripts/build.sh"
 build="${OSTV_BUILD_DIR:-$root/build}"
 mkdir -p "$build/test-home/runtime" && chmod 700 "$build/test-home/runtime"
 export OSTV_BUILD_DIR="$build"
-exec dbus-run-session -- bash "$root/scripts/with-keyring.sh" \
+status=0
+dbus-run-session -- bash "$root/scripts/with-keyring.sh" \
   xvfb-run -a -s "-screen 0 1600x1000x24" \
-  ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 600 "$@"
+  ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 600 "$@" || status=$?
+# A short run of every fuzz target from its seed corpus (scripts/fuzz.sh SECONDS runs them longer).
+bash "$root/scripts/fuzz.sh" "${OSTV_FUZZ_SECONDS:-20}" || status=1
+exit $status
