@@ -10,7 +10,9 @@ export OSTV_BUILD_DIR="$build"
 status=0
 dbus-run-session -- bash "$root/scripts/with-keyring.sh" \
   xvfb-run -a -s "-screen 0 1600x1000x24" \
-  ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 600 "$@" || status=$?
+  ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 600 "$@" 2>&1 | tee "$build/ctest.log" || status=$?
 # A short run of every fuzz target from its seed corpus (scripts/fuzz.sh SECONDS runs them longer).
 bash "$root/scripts/fuzz.sh" "${OSTV_FUZZ_SECONDS:-20}" || status=1
+# CTest's summary once more, last, so that it closes the output.
+grep -E 'tests passed|tests failed' "$build/ctest.log" | tail -n 1 || true
 exit $status
