@@ -1,0 +1,404 @@
+#include "QuicEngine.h"
+
+#include <cstring>
+#include <ctime>
+#include <netinet/in.h>
+
+#include <gnutls/crypto.h>
+#include <ngtcp2/ngtcp2_crypto_gnutls.h>
+
+namespace ostv {
+
+namespace {
+
+constexpr const char kPriority[] =
+    "NORMAL:-VERS-ALL:+VERS-TLS1.3:-CIPHER-ALL:+AES-128-GCM:+AES-256-GCM:+CHACHA20-POLY1305:+AES-128-CCM:"
+    "-GROUP-ALL:+GROUP-SECP256R1:+GROUP-X25519:+GROUP-SECP384R1:+GROUP-SECP521R1:%DISABLE_TLS13_COMPAT_MODE";
+constexpr size_t kMaxDatagram = 65527;
+constexpr size_t kServerCidLen = 18;
+
+QuicEngine* self(void* userData) { return static_cast<QuicEngine*>(userData); }
+
+void randomBytes(uint8_t* dest, size_t len, const ngtcp2_rand_ctx*) { (void)gnutls_rnd(GNUTLS_RND_RANDOM, dest, len); }
+
+int recvStreamData(ngtcp2_conn*, uint32_t flags, int64_t streamId, uint64_t, const uint8_t* data, size_t len,
+                   void* userData, void*) {
+    return self(userData)->onStreamData(streamId, flags, data, len);
+}
+int ackedStreamData(ngtcp2_conn*, int64_t streamId, uint64_t offset, uint64_t len, void* userData, void*) {
+    return self(userData)->onAcked(streamId, offset, len);
+}
+int streamOpen(ngtcp2_conn*, int64_t streamId, void* userData) { return self(userData)->onStreamOpen(streamId); }
+int handshakeCompleted(ngtcp2_conn*, void* userData) { return self(userData)->onHandshakeCompleted(); }
+int newConnectionId(ngtcp2_conn*, ngtcp2_cid* cid, uint8_t* token, size_t cidlen, void* userData) {
+    return self(userData)->onNewConnectionId(cid, token, cidlen);
+}
+ngtcp2_conn* connOf(ngtcp2_crypto_conn_ref* ref) { return static_cast<QuicEngine*>(ref->user_data)->conn(); }
+
+bool isLoopback(const sockaddr* a) {
+    if (a->sa_family == AF_INET)
+        return (ntohl(reinterpret_cast<const sockaddr_in*>(a)->sin_addr.s_addr) >> 24) == 127;
+    if (a->sa_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const sockaddr_in6*>(a);
+        return IN6_IS_ADDR_LOOPBACK(&in6->sin6_addr);
+    }
+    return false;
+}
+
+void commonSettings(ngtcp2_settings& s, const sockaddr* remote) {
+    ngtcp2_settings_default(&s);
+    s.initial_ts = quicTimestamp();
+    s.max_window = 24 * 1024 * 1024;
+    s.max_stream_window = 16 * 1024 * 1024;
+    s.handshake_timeout = 10 * NGTCP2_SECONDS;
+    if (isLoopback(remote)) {
+        // Loopback carries large datagrams without fragmentation: fewer packets, far less work per byte.
+        s.max_tx_udp_payload_size = 16384;
+        s.no_tx_udp_payload_size_shaping = 1;
+    }
+}
+
+void commonParams(ngtcp2_transport_params& p) {
+    ngtcp2_transport_params_default(&p);
+    p.initial_max_stream_data_bidi_local = 4 * 1024 * 1024;
+    p.initial_max_stream_data_bidi_remote = 4 * 1024 * 1024;
+    p.initial_max_data = 8 * 1024 * 1024;
+    p.max_idle_timeout = 15 * NGTCP2_SECONDS;
+}
+
+ngtcp2_callbacks commonCallbacks() {
+    ngtcp2_callbacks cb{};
+    cb.recv_crypto_data = ngtcp2_crypto_recv_crypto_data_cb;
+    cb.encrypt = ngtcp2_crypto_encrypt_cb;
+    cb.decrypt = ngtcp2_crypto_decrypt_cb;
+    cb.hp_mask = ngtcp2_crypto_hp_mask_cb;
+    cb.recv_stream_data = recvStreamData;
+    cb.acked_stream_data_offset = ackedStreamData;
+    cb.stream_open = streamOpen;
+    cb.handshake_completed = handshakeCompleted;
+    cb.rand = randomBytes;
+    cb.get_new_connection_id = newConnectionId;
+    cb.update_key = ngtcp2_crypto_update_key_cb;
+    cb.delete_crypto_aead_ctx = ngtcp2_crypto_delete_crypto_aead_ctx_cb;
+    cb.delete_crypto_cipher_ctx = ngtcp2_crypto_delete_crypto_cipher_ctx_cb;
+    cb.get_path_challenge_data = ngtcp2_crypto_get_path_challenge_data_cb;
+    cb.version_negotiation = ngtcp2_crypto_version_negotiation_cb;
+    return cb;
+}
+
+}  // namespace
+
+uint64_t quicTimestamp() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * NGTCP2_SECONDS + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+QuicEngine::QuicEngine(Hooks hooks) : hooks_(std::move(hooks)) {
+    connRef_.get_conn = connOf;
+    connRef_.user_data = this;
+}
+
+QuicEngine::~QuicEngine() {
+    if (conn_) ngtcp2_conn_del(conn_);
+    if (tls_) gnutls_deinit(tls_);
+    if (ownCredentials_) gnutls_certificate_free_credentials(ownCredentials_);
+}
+
+bool QuicEngine::setupTls(bool server, const std::string& serverName, gnutls_certificate_credentials_t credentials,
+                          std::string& error) {
+    int rv = gnutls_init(&tls_, (server ? GNUTLS_SERVER : GNUTLS_CLIENT) | GNUTLS_ENABLE_EARLY_DATA |
+                                    GNUTLS_NO_END_OF_EARLY_DATA);
+    if (rv == 0) rv = gnutls_priority_set_direct(tls_, kPriority, nullptr);
+    if (rv != 0) {
+        error = std::string("TLS set-up failed: ") + gnutls_strerror(rv);
+        return false;
+    }
+    if ((server ? ngtcp2_crypto_gnutls_configure_server_session(tls_)
+                : ngtcp2_crypto_gnutls_configure_client_session(tls_)) != 0) {
+        error = "TLS set-up for QUIC failed";
+        return false;
+    }
+    gnutls_session_set_ptr(tls_, &connRef_);
+    if (!server) {
+        // Every certificate is accepted, self-signed or not, for any name: the relay is trusted by address.
+        gnutls_certificate_allocate_credentials(&ownCredentials_);
+        gnutls_certificate_set_verify_function(ownCredentials_, [](gnutls_session_t) { return 0; });
+        credentials = ownCredentials_;
+    }
+    rv = gnutls_credentials_set(tls_, GNUTLS_CRD_CERTIFICATE, credentials);
+    if (rv != 0) {
+        error = std::string("TLS credentials: ") + gnutls_strerror(rv);
+        return false;
+    }
+    gnutls_datum_t alpn{reinterpret_cast<unsigned char*>(const_cast<char*>(kRelayAlpn)),
+                        static_cast<unsigned>(std::strlen(kRelayAlpn))};
+    gnutls_alpn_set_protocols(tls_, &alpn, 1, GNUTLS_ALPN_MANDATORY);
+    if (!server && !serverName.empty())
+        gnutls_server_name_set(tls_, GNUTLS_NAME_DNS, serverName.data(), serverName.size());
+    ngtcp2_conn_set_tls_native_handle(conn_, tls_);
+    return true;
+}
+
+bool QuicEngine::startClient(const sockaddr* local, socklen_t localLen, const sockaddr* remote, socklen_t remoteLen,
+                             const std::string& serverName, std::string& error) {
+    std::memcpy(&local_, local, localLen);
+    localLen_ = localLen;
+    std::memcpy(&remote_, remote, remoteLen);
+    remoteLen_ = remoteLen;
+    ngtcp2_cid dcid{}, scid{};
+    dcid.datalen = NGTCP2_MIN_INITIAL_DCIDLEN;
+    scid.datalen = 8;
+    (void)gnutls_rnd(GNUTLS_RND_RANDOM, dcid.data, dcid.datalen);
+    (void)gnutls_rnd(GNUTLS_RND_RANDOM, scid.data, scid.datalen);
+    ngtcp2_callbacks cb = commonCallbacks();
+    cb.client_initial = ngtcp2_crypto_client_initial_cb;
+    cb.recv_retry = ngtcp2_crypto_recv_retry_cb;
+    ngtcp2_settings settings;
+    commonSettings(settings, remote);
+    ngtcp2_transport_params params;
+    commonParams(params);
+    params.initial_max_streams_bidi = 0;
+    params.initial_max_streams_uni = 0;
+    ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};
+    const int rv = ngtcp2_conn_client_new(&conn_, &dcid, &scid, &path, NGTCP2_PROTO_VER_V1, &cb, &settings, &params,
+                                          nullptr, this);
+    if (rv != 0) {
+        error = std::string("QUIC set-up failed: ") + ngtcp2_strerror(rv);
+        return false;
+    }
+    if (!setupTls(false, serverName, nullptr, error)) return false;
+    flush();
+    return !closed_;
+}
+
+bool QuicEngine::startServer(const sockaddr* local, socklen_t localLen, const sockaddr* remote, socklen_t remoteLen,
+                             const ngtcp2_pkt_hd& hd, gnutls_certificate_credentials_t credentials, std::string& error) {
+    server_ = true;
+    std::memcpy(&local_, local, localLen);
+    localLen_ = localLen;
+    std::memcpy(&remote_, remote, remoteLen);
+    remoteLen_ = remoteLen;
+    ngtcp2_cid scid{};
+    scid.datalen = kServerCidLen;
+    (void)gnutls_rnd(GNUTLS_RND_RANDOM, scid.data, scid.datalen);
+    ngtcp2_callbacks cb = commonCallbacks();
+    cb.recv_client_initial = ngtcp2_crypto_recv_client_initial_cb;
+    ngtcp2_settings settings;
+    commonSettings(settings, remote);
+    ngtcp2_transport_params params;
+    commonParams(params);
+    params.initial_max_streams_bidi = 4;
+    params.initial_max_streams_uni = 0;
+    params.max_idle_timeout = 30 * NGTCP2_SECONDS;
+    params.original_dcid = hd.dcid;
+    ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};
+    const int rv = ngtcp2_conn_server_new(&conn_, &hd.scid, &scid, &path, hd.version, &cb, &settings, &params, nullptr, this);
+    if (rv != 0) {
+        error = std::string("QUIC accept failed: ") + ngtcp2_strerror(rv);
+        return false;
+    }
+    if (hooks_.newConnectionId) hooks_.newConnectionId(scid);
+    return setupTls(true, {}, credentials, error);
+}
+
+void QuicEngine::receivePacket(const uint8_t* data, size_t len) {
+    if (closed_) return;
+    ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};
+    ngtcp2_pkt_info pi{};
+    const int rv = ngtcp2_conn_read_pkt(conn_, &path, &pi, data, len, quicTimestamp());
+    if (rv != 0) {
+        if (rv == NGTCP2_ERR_DRAINING) {
+            fail("connection closed by peer", true);
+        } else if (rv == NGTCP2_ERR_DROP_CONN) {
+            fail("connection dropped", true);
+        } else {
+            ngtcp2_connection_close_error ccerr;
+            ngtcp2_connection_close_error_default(&ccerr);
+            if (rv == NGTCP2_ERR_CRYPTO)
+                ngtcp2_connection_close_error_set_transport_error_tls_alert(&ccerr, ngtcp2_conn_get_tls_alert(conn_), nullptr, 0);
+            else
+                ngtcp2_connection_close_error_set_transport_error_liberr(&ccerr, rv, nullptr, 0);
+            uint8_t buf[1500];
+            ngtcp2_pkt_info cpi{};
+            const ngtcp2_ssize n = ngtcp2_conn_write_connection_close(conn_, nullptr, &cpi, buf, sizeof buf, &ccerr, quicTimestamp());
+            if (n > 0 && hooks_.sendDatagram) hooks_.sendDatagram(buf, static_cast<size_t>(n));
+            fail(std::string("QUIC error: ") + ngtcp2_strerror(rv), false);
+        }
+        return;
+    }
+    flush();
+}
+
+void QuicEngine::onTimer() {
+    if (closed_) return;
+    const int rv = ngtcp2_conn_handle_expiry(conn_, quicTimestamp());
+    if (rv != 0) {
+        fail(rv == NGTCP2_ERR_IDLE_CLOSE ? "idle timeout: the peer stopped answering"
+                                         : std::string("QUIC error: ") + ngtcp2_strerror(rv),
+             false);
+        return;
+    }
+    flush();
+}
+
+void QuicEngine::send(std::string bytes) {
+    if (closed_ || bytes.empty()) return;
+    queuedEnd_ += bytes.size();
+    chunks_.push_back(std::move(bytes));
+    if (pendingBytes() >= lowWatermark) wasAboveLowMark_ = true;
+    if (established_) flush();
+}
+
+void QuicEngine::setReadPaused(bool paused) {
+    if (readPaused_ == paused) return;
+    readPaused_ = paused;
+    if (!paused && heldCredit_ > 0 && conn_ && !closed_ && streamId_ >= 0) {
+        ngtcp2_conn_extend_max_stream_offset(conn_, streamId_, heldCredit_);
+        ngtcp2_conn_extend_max_offset(conn_, heldCredit_);
+        heldCredit_ = 0;
+        flush();  // tell the peer at once
+    }
+}
+
+void QuicEngine::close(uint64_t appErrorCode, const std::string& reason) {
+    if (closed_ || !conn_) return;
+    if (!ngtcp2_conn_is_in_closing_period(conn_) && !ngtcp2_conn_is_in_draining_period(conn_)) {
+        ngtcp2_connection_close_error ccerr;
+        ngtcp2_connection_close_error_default(&ccerr);
+        ngtcp2_connection_close_error_set_application_error(&ccerr, appErrorCode,
+                                                             reinterpret_cast<const uint8_t*>(reason.data()), reason.size());
+        uint8_t buf[1500];
+        ngtcp2_pkt_info pi{};
+        const ngtcp2_ssize n = ngtcp2_conn_write_connection_close(conn_, nullptr, &pi, buf, sizeof buf, &ccerr, quicTimestamp());
+        if (n > 0 && hooks_.sendDatagram) hooks_.sendDatagram(buf, static_cast<size_t>(n));
+    }
+    fail(reason.empty() ? "closed" : reason, false);
+}
+
+void QuicEngine::fail(const std::string& why, bool byPeer) {
+    if (closed_) return;
+    closed_ = true;
+    if (hooks_.armTimer) hooks_.armTimer(-1);
+    if (hooks_.closed) hooks_.closed(why, byPeer);
+}
+
+int QuicEngine::onStreamData(int64_t streamId, uint32_t, const uint8_t* data, size_t len) {
+    if (streamId != streamId_) {
+        if (streamId_ < 0 && server_) streamId_ = streamId;  // the client's stream, first data on it
+        else return 0;                                       // any other stream is ignored
+    }
+    if (len > 0 && hooks_.streamData) hooks_.streamData(reinterpret_cast<const char*>(data), len);
+    if (closed_) return 0;
+    if (readPaused_) {
+        heldCredit_ += len;
+    } else {
+        ngtcp2_conn_extend_max_stream_offset(conn_, streamId, len);
+        ngtcp2_conn_extend_max_offset(conn_, len);
+    }
+    return 0;
+}
+
+int QuicEngine::onAcked(int64_t streamId, uint64_t offset, uint64_t len) {
+    if (streamId != streamId_) return 0;
+    const uint64_t end = offset + len;
+    if (end > ackedOffset_) ackedOffset_ = end;
+    while (!chunks_.empty() && chunksStart_ + chunks_.front().size() <= ackedOffset_) {
+        chunksStart_ += chunks_.front().size();
+        chunks_.pop_front();
+    }
+    if (wasAboveLowMark_ && pendingBytes() < lowWatermark) {
+        wasAboveLowMark_ = false;
+        if (hooks_.drained) hooks_.drained();
+    }
+    return 0;
+}
+
+int QuicEngine::onStreamOpen(int64_t streamId) {
+    if (server_ && streamId_ < 0) streamId_ = streamId;
+    return 0;
+}
+
+int QuicEngine::onHandshakeCompleted() {
+    if (server_) {
+        char name[256];
+        size_t len = sizeof name - 1;
+        unsigned type = 0;
+        if (gnutls_server_name_get(tls_, name, &len, &type, 0) == 0 && type == GNUTLS_NAME_DNS)
+            serverName_.assign(name, len);
+    } else {
+        int64_t id = -1;
+        if (ngtcp2_conn_open_bidi_stream(conn_, &id, nullptr) != 0) return NGTCP2_ERR_CALLBACK_FAILURE;
+        streamId_ = id;
+    }
+    established_ = true;
+    if (hooks_.established) hooks_.established();
+    return 0;
+}
+
+int QuicEngine::onNewConnectionId(ngtcp2_cid* cid, uint8_t* token, size_t cidlen) {
+    if (gnutls_rnd(GNUTLS_RND_RANDOM, cid->data, cidlen) != 0) return NGTCP2_ERR_CALLBACK_FAILURE;
+    cid->datalen = cidlen;
+    if (gnutls_rnd(GNUTLS_RND_RANDOM, token, NGTCP2_STATELESS_RESET_TOKENLEN) != 0) return NGTCP2_ERR_CALLBACK_FAILURE;
+    if (hooks_.newConnectionId) hooks_.newConnectionId(*cid);
+    return 0;
+}
+
+void QuicEngine::flush() {
+    if (closed_ || !conn_) return;
+    static thread_local uint8_t buf[kMaxDatagram];
+    bool streamBlocked = false;
+    ngtcp2_path_storage ps;
+    ngtcp2_path_storage_zero(&ps);
+    for (int guard = 0; guard < 4096; ++guard) {
+        ngtcp2_vec vec[16];
+        size_t nvec = 0;
+        int64_t sid = -1;
+        if (established_ && streamId_ >= 0 && !streamBlocked && sentOffset_ < queuedEnd_) {
+            // Walk the chunks from the first byte ngtcp2 does not have yet.
+            uint64_t pos = chunksStart_;
+            for (const std::string& c : chunks_) {
+                const uint64_t end = pos + c.size();
+                if (end > sentOffset_ && nvec < 16) {
+                    const uint64_t skip = sentOffset_ > pos ? sentOffset_ - pos : 0;
+                    vec[nvec].base = reinterpret_cast<uint8_t*>(const_cast<char*>(c.data())) + skip;
+                    vec[nvec].len = static_cast<size_t>(c.size() - skip);
+                    ++nvec;
+                }
+                pos = end;
+            }
+            sid = streamId_;
+        }
+        ngtcp2_ssize accepted = -1;
+        ngtcp2_pkt_info pi{};
+        const uint32_t flags = nvec ? NGTCP2_WRITE_STREAM_FLAG_MORE : NGTCP2_WRITE_STREAM_FLAG_NONE;
+        const ngtcp2_ssize n = ngtcp2_conn_writev_stream(conn_, &ps.path, &pi, buf, sizeof buf, &accepted, flags, sid,
+                                                         nvec ? vec : nullptr, nvec, quicTimestamp());
+        if (accepted > 0) sentOffset_ += static_cast<uint64_t>(accepted);
+        if (n < 0) {
+            if (n == NGTCP2_ERR_WRITE_MORE) continue;
+            if (n == NGTCP2_ERR_STREAM_DATA_BLOCKED || n == NGTCP2_ERR_STREAM_SHUT_WR) {
+                streamBlocked = true;
+                continue;
+            }
+            fail(std::string("QUIC write failed: ") + ngtcp2_strerror(static_cast<int>(n)), false);
+            return;
+        }
+        if (n == 0) break;
+        if (hooks_.sendDatagram) hooks_.sendDatagram(buf, static_cast<size_t>(n));
+    }
+    armTimer();
+}
+
+void QuicEngine::armTimer() {
+    if (!hooks_.armTimer || closed_) return;
+    const ngtcp2_tstamp expiry = ngtcp2_conn_get_expiry(conn_);
+    if (expiry == UINT64_MAX) {
+        hooks_.armTimer(-1);
+        return;
+    }
+    const uint64_t now = quicTimestamp();
+    hooks_.armTimer(expiry <= now ? 0 : static_cast<int64_t>((expiry - now + 999999) / 1000000));
+}
+
+}  // namespace ostv
