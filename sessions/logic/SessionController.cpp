@@ -181,10 +181,22 @@ void SessionController::didReceiveOutput(const std::string& base64, int64_t ptyI
         QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
         const QString text = utf8(decoded.decoded);
         if (utf8.hasError()) return;
-        if (text.contains(sentinelMarker)) completePtySetup(ptyId);
+        if (showsSentinel(text)) completePtySetup(ptyId);
         return;  // output of a PTY under set-up is never shown
     }
     if (hasTab(ptyId)) terminal_->writeOutput(base64, ptyId);
+}
+
+bool SessionController::showsSentinel(const QString& text) const {
+    // The terminal echoes the set-up line as it is typed, and that echo carries the marker too, right
+    // behind "echo ". Only the marker the shell printed, after running everything before it, counts.
+    static const QString echoWord = QStringLiteral("echo ");
+    for (qsizetype at = text.indexOf(sentinelMarker); at >= 0; at = text.indexOf(sentinelMarker, at + 1)) {
+        if (at >= echoWord.size() && QStringView(text).sliced(at - echoWord.size(), echoWord.size()) == echoWord)
+            continue;
+        return true;
+    }
+    return false;
 }
 
 void SessionController::completePtySetup(int64_t ptyId) {

@@ -102,6 +102,7 @@ private:
     bool linkConnected() const;
     void send(const Message& m);
     bool hasTab(int64_t ptyId) const;
+    bool showsSentinel(const QString& text) const;
 
     WeakDelegate<RelayLink> link_;
     WeakDelegate<TerminalSurface> terminal_;

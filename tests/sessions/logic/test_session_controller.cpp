@@ -95,8 +95,13 @@ TEST_F(SessionControllerTest, SentinelSplitAcrossChunksOrUndecodableChunksDoNotC
     c.didReceiveOutput(b64("READY__"), id);
     c.didReceiveOutput("!!!not base64!!!", id);
     c.didReceiveOutput(b64(QByteArray("\xff\xfe __OSTVARREN_READY__")), id);  // not UTF-8
+    // The terminal's echo of the typed set-up line is not the shell having run it.
+    c.didReceiveOutput(b64("$ export A=\"1\" && clear && echo __OSTVARREN_READY__\r\n"), id);
     EXPECT_TRUE(terminal.tabs.isEmpty());
     EXPECT_EQ(c.pendingSetup.count(id), 1u);
+    // Echo and printed marker in one chunk: the printed one counts.
+    c.didReceiveOutput(b64("echo __OSTVARREN_READY__\r\n\x1b[H\x1b[2J__OSTVARREN_READY__\r\n$ "), id);
+    EXPECT_EQ(terminal.tabs, QList<int64_t>{id});
 }
 
 TEST_F(SessionControllerTest, TimeoutRetriesTheEchoOnceThenFailsAndCloses) {
