@@ -1,0 +1,532 @@
+#include "Agent.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTimer>
+#include <QUuid>
+#include <algorithm>
+
+#include "Logger.h"
+#include "PtyProcess.h"
+#include "relay/ControllerLink.h"
+
+namespace ostv::server {
+
+struct Agent::Seat {
+    std::string id;
+    std::string nickname;
+    std::string clientId;        // empty while unbound
+    std::string tookOverClient;  // the client whose seat this one took, if any
+    std::string cwd = "~";       // where its last shell was opened
+    std::optional<int64_t> lastPty;
+    uint64_t joinSeq = 0;
+    uint64_t bindSeq = 0;
+    int badRequests = 0;
+    QPointer<ControllerLink> link;
+};
+
+struct Agent::Pty {
+    std::string clientId;
+    int64_t ptyId = 0;
+    std::string cwd;  // the directory it was opened in, absolute
+    uint64_t seq = 0;
+    std::unique_ptr<PtyProcess> proc;
+    std::string backlog;     // output kept while the client has no seat
+    bool flowPaused = false;
+    std::vector<QPointer<ControllerLink>> inputPaused;
+};
+
+namespace {
+
+std::string idText(int64_t id) { return std::to_string(id); }
+
+// Entries of one directory, directories first, then by name without regard to case.
+std::vector<FSFileInfo> listDirectory(const QString& dirPath, size_t cap, bool* truncated) {
+    QDir dir(dirPath);
+    const QFileInfoList entries = dir.entryInfoList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+        QDir::DirsFirst | QDir::Name | QDir::IgnoreCase);
+    std::vector<FSFileInfo> out;
+    out.reserve(std::min<size_t>(static_cast<size_t>(entries.size()), cap));
+    *truncated = static_cast<size_t>(entries.size()) > cap;
+    for (const QFileInfo& fi : entries) {
+        if (out.size() >= cap) break;
+        FSFileInfo f;
+        f.name = fi.fileName().toStdString();
+        f.path = fi.absoluteFilePath().toStdString();
+        f.fileType = fi.isDir() ? "directory" : "file";  // a link counts as what it points to
+        f.isSymlink = fi.isSymLink();
+        out.push_back(std::move(f));
+    }
+    return out;
+}
+
+}  // namespace
+
+Agent::Agent(AgentConfig config, QObject* parent) : QObject(parent), config_(std::move(config)) {
+    if (config_.homeDir.isEmpty()) config_.homeDir = QDir::homePath();
+    if (config_.shell.isEmpty()) config_.shell = defaultLoginShell();
+    if (config_.limit < 1) config_.limit = 1;
+}
+
+Agent::~Agent() { hangUpAll(); }
+
+void Agent::hangUpAll() {
+    for (auto& [key, p] : ptys_) resumeInputWriters(*p);
+    ptys_.clear();  // each PtyProcess hangs up its shell and hands it to the reaper
+}
+
+bool Agent::hasController(const std::string& id) const {
+    return std::any_of(seats_.begin(), seats_.end(), [&](const auto& s) { return s->id == id; });
+}
+
+std::vector<ControllerInfo> Agent::controllers() const {
+    std::vector<ControllerInfo> out;
+    for (const auto& s : seats_) {
+        ControllerInfo c;
+        c.id = s->id;
+        c.nickname = s->nickname;
+        c.cwd = s->cwd;
+        if (s->lastPty && ptys_.count({s->clientId, *s->lastPty})) c.workspacePty = idText(*s->lastPty);
+        out.push_back(std::move(c));
+    }
+    return out;
+}
+
+size_t Agent::ptyCount() const { return ptys_.size(); }
+
+Agent::Seat* Agent::seat(const std::string& id) {
+    for (auto& s : seats_)
+        if (s->id == id) return s.get();
+    return nullptr;
+}
+
+void Agent::sendLine(Seat& s, const std::string& line) {
+    if (s.link) s.link->sendLine(line);
+}
+
+void Agent::send(Seat& s, const Message& m) { sendLine(s, m.encode()); }
+
+void Agent::broadcast(const Message& m, const std::string& exceptId) {
+    const std::string line = m.encode();
+    for (auto& s : seats_)
+        if (s->id != exceptId) sendLine(*s, line);
+}
+
+void Agent::sendError(Seat& s, const std::string& text) {
+    // A controller that keeps sending the same mistake does not get to flood the log.
+    ++s.badRequests;
+    if (s.badRequests <= 10 || s.badRequests % 1000 == 0)
+        Logger::error("agent " + config_.code + " controller " + s.id + ": bad request #" +
+                      std::to_string(s.badRequests) + ": " + text);
+    Message m("error");
+    m.msg = text;
+    send(s, m);
+}
+
+void Agent::sendPtyError(Seat& s, int64_t ptyId, const std::string& reason) {
+    Logger::session("agent " + config_.code + " pty " + idText(ptyId) + " error: " + reason);
+    Message m("PTY_ERROR");
+    m.ptyId = ptyId;
+    m.reason = reason;
+    send(s, m);
+}
+
+std::string Agent::admit(ControllerLink* link, const std::string& nickname, const std::string& tookOverClient) {
+    auto s = std::make_unique<Seat>();
+    s->id = QUuid::createUuid().toString(QUuid::WithoutBraces).toStdString();
+    s->nickname = nickname;
+    s->tookOverClient = tookOverClient;
+    s->joinSeq = nextSeq_++;
+    s->link = link;
+    Seat& seat = *s;
+    seats_.push_back(std::move(s));
+
+    Message paired("paired");
+    paired.id = seat.id;
+    paired.homeDir = config_.homeDir.toStdString();
+    paired.os = config_.os;
+    paired.machineId = config_.machineId;
+    send(seat, paired);
+
+    Message joined("controller_joined");
+    joined.id = seat.id;
+    joined.nickname = nickname;
+    broadcast(joined, seat.id);
+    Logger::connection("agent " + config_.code + ": controller " + seat.id + " (" + nickname + ") joined, " +
+                       std::to_string(seats_.size()) + "/" + std::to_string(config_.limit));
+    return seat.id;
+}
+
+bool Agent::kick(const std::string& controllerId, const std::string& by, std::string* clientId) {
+    auto it = std::find_if(seats_.begin(), seats_.end(), [&](const auto& s) { return s->id == controllerId; });
+    if (it == seats_.end()) return false;
+    std::unique_ptr<Seat> s = std::move(*it);
+    seats_.erase(it);
+    if (clientId) *clientId = s->clientId;
+
+    Message kicked("kicked");
+    kicked.reason = "控制席位已被其他控制端接管";
+    kicked.by = by;
+    send(*s, kicked);
+    if (s->link) s->link->close();
+    Logger::connection("agent " + config_.code + ": controller " + s->id + " kicked by " + by);
+
+    Message left("controller_left");
+    left.id = s->id;
+    broadcast(left, {});
+    recheckFlow();
+    return true;
+}
+
+void Agent::release(const std::string& controllerId) {
+    auto it = std::find_if(seats_.begin(), seats_.end(), [&](const auto& s) { return s->id == controllerId; });
+    if (it == seats_.end()) return;
+    std::unique_ptr<Seat> s = std::move(*it);
+    seats_.erase(it);
+    // The client's other seat, if any, now answers for its shells.
+    if (!s->clientId.empty()) {
+        if (Seat* other = primarySeat(s->clientId)) lastControllerOfClient_[s->clientId] = other->id;
+    }
+    for (auto& [key, p] : ptys_)
+        std::erase_if(p->inputPaused, [&](const QPointer<ControllerLink>& l) { return !l || l == s->link; });
+    Logger::connection("agent " + config_.code + ": controller " + s->id + " left, " +
+                       std::to_string(seats_.size()) + "/" + std::to_string(config_.limit));
+    Message left("controller_left");
+    left.id = s->id;
+    broadcast(left, {});
+    recheckFlow();
+}
+
+void Agent::linkDrained(const std::string&) { recheckFlow(); }
+
+QString Agent::expandPath(const std::string& path) const {
+    QString p = QString::fromStdString(path);
+    if (p.isEmpty() || p == "." || p == "~") return config_.homeDir;
+    if (p.startsWith("~/")) return QDir::cleanPath(config_.homeDir + "/" + p.mid(2));
+    if (QDir::isRelativePath(p)) return QDir::cleanPath(config_.homeDir + "/" + p);
+    return QDir::cleanPath(p);
+}
+
+// ---- binding and lookup ----
+
+void Agent::bind(Seat& s, const std::string& clientId) {
+    if (s.clientId == clientId) return;
+    if (!s.clientId.empty())
+        Logger::connection("agent " + config_.code + ": controller " + s.id + " now speaks for client " + clientId +
+                           " instead of " + s.clientId);
+    s.clientId = clientId;
+    s.bindSeq = nextSeq_++;
+    lastControllerOfClient_[clientId] = s.id;
+    flushBacklogs(s);
+    recheckFlow();
+}
+
+bool Agent::clientHasSeat(const std::string& clientId) const {
+    return std::any_of(seats_.begin(), seats_.end(), [&](const auto& s) { return s->clientId == clientId; });
+}
+
+std::vector<Agent::Seat*> Agent::seatsOf(const std::string& clientId) {
+    std::vector<Seat*> out;
+    for (auto& s : seats_)
+        if (!clientId.empty() && s->clientId == clientId && s->link) out.push_back(s.get());
+    return out;
+}
+
+Agent::Seat* Agent::primarySeat(const std::string& clientId) {
+    Seat* best = nullptr;
+    for (Seat* s : seatsOf(clientId))
+        if (!best || s->bindSeq > best->bindSeq) best = s;
+    return best;
+}
+
+std::string Agent::controllerOf(const std::string& clientId) const {
+    auto it = lastControllerOfClient_.find(clientId);
+    return it == lastControllerOfClient_.end() ? std::string() : it->second;
+}
+
+Agent::Pty* Agent::ownPty(const Seat& s, int64_t ptyId) {
+    if (s.clientId.empty()) return nullptr;
+    auto it = ptys_.find({s.clientId, ptyId});
+    return it == ptys_.end() ? nullptr : it->second.get();
+}
+
+Agent::Pty* Agent::foreignPty(const Seat& s, int64_t ptyId) {
+    if (!s.tookOverClient.empty() && s.tookOverClient != s.clientId) {
+        auto it = ptys_.find({s.tookOverClient, ptyId});
+        if (it != ptys_.end()) return it->second.get();
+    }
+    std::vector<Pty*> candidates;
+    for (auto& [key, p] : ptys_)
+        if (key.second == ptyId && key.first != s.clientId) candidates.push_back(p.get());
+    if (candidates.size() == 1) return candidates.front();
+    Pty* orphan = nullptr;
+    for (Pty* p : candidates) {
+        if (clientHasSeat(p->clientId)) continue;
+        if (orphan) return nullptr;  // ambiguous
+        orphan = p;
+    }
+    return orphan;
+}
+
+Agent::Pty* Agent::resolveForUse(Seat& s, int64_t ptyId) {
+    if (Pty* p = ownPty(s, ptyId)) return p;
+    if (!s.clientId.empty()) return nullptr;
+    Pty* p = foreignPty(s, ptyId);
+    if (p) {
+        Logger::connection("agent " + config_.code + ": controller " + s.id + " re-attached to client " + p->clientId +
+                           " through pty " + idText(ptyId));
+        bind(s, p->clientId);
+    }
+    return p;
+}
+
+// ---- requests ----
+
+void Agent::handle(const std::string& controllerId, const Message& m) {
+    Seat* sp = seat(controllerId);
+    if (!sp) return;
+    Seat& s = *sp;
+    const std::string& t = m.type;
+
+    if (t == "LIST_PTY") return onListPty(s);
+    if (t == "fs_op") return onFsOp(s, m);
+    if (t == "CREATE_PTY") return onCreatePty(s, m);
+
+    if (t == "INPUT" || t == "RESIZE" || t == "EXEC" || t == "CLOSE_PTY") {
+        if (!m.ptyId) return sendError(s, t + " 缺少 pty_id");
+        if (t == "RESIZE" && (!m.cols || !m.rows)) return sendError(s, "RESIZE 缺少 cols 或 rows");
+        if (t == "EXEC" && !m.command) return sendError(s, "EXEC 缺少 command");
+
+        if (t == "CLOSE_PTY") {
+            Pty* p = ownPty(s, *m.ptyId);
+            if (!p) p = foreignPty(s, *m.ptyId);
+            if (!p) {
+                Logger::session("agent " + config_.code + ": CLOSE_PTY for unknown pty " + idText(*m.ptyId) +
+                                " from " + s.id);
+                return;
+            }
+            return closePty({p->clientId, p->ptyId}, s.id);
+        }
+
+        Pty* p = resolveForUse(s, *m.ptyId);
+        if (!p) {
+            Logger::session("agent " + config_.code + ": " + t + " for unknown pty " + idText(*m.ptyId) + " from " +
+                            s.id + " dropped");
+            return;
+        }
+        if (t == "RESIZE") {
+            p->proc->resize(static_cast<int>(std::clamp<int64_t>(*m.cols, 0, 100000)),
+                            static_cast<int>(std::clamp<int64_t>(*m.rows, 0, 100000)));
+            return;
+        }
+        if (t == "INPUT") {
+            if (!m.data || m.data->empty()) return;
+            p->proc->write(*m.data);
+        } else {
+            p->proc->write(*m.command + "\r");
+        }
+        if (p->proc->inputCongested() && s.link &&
+            std::find(p->inputPaused.begin(), p->inputPaused.end(), s.link) == p->inputPaused.end()) {
+            s.link->setReadPaused(true);
+            p->inputPaused.emplace_back(s.link);
+        }
+        return;
+    }
+    Logger::info("agent " + config_.code + ": ignoring \"" + t + "\" from " + s.id);
+}
+
+void Agent::onCreatePty(Seat& s, const Message& m) {
+    if (!m.ptyId) return sendError(s, "CREATE_PTY 缺少 pty_id");
+    const int64_t ptyId = *m.ptyId;
+    if (ptyId <= 0) return sendPtyError(s, ptyId, "无效的会话编号");
+    // A request without a client id stands for this seat alone.
+    bind(s, m.clientId && !m.clientId->empty() ? *m.clientId : s.id);
+    const PtyKey key{s.clientId, ptyId};
+    if (ptys_.count(key)) return sendPtyError(s, ptyId, "会话编号 " + idText(ptyId) + " 已在使用");
+    if (ptys_.size() >= static_cast<size_t>(config_.maxPtys))
+        return sendPtyError(s, ptyId, "会话数量已达上限 (" + std::to_string(config_.maxPtys) + ")");
+
+    const std::string requested = m.cwd.value_or("~");
+    PtyProcess::Options o;
+    o.shell = config_.shell;
+    o.cwd = expandPath(requested);
+    o.cols = static_cast<int>(std::clamp<int64_t>(m.cols.value_or(80), 0, 100000));
+    o.rows = static_cast<int>(std::clamp<int64_t>(m.rows.value_or(24), 0, 100000));
+    QString error;
+    std::unique_ptr<PtyProcess> proc = PtyProcess::start(o, &error);
+    if (!proc) return sendPtyError(s, ptyId, error.toStdString());
+
+    auto p = std::make_unique<Pty>();
+    p->clientId = s.clientId;
+    p->ptyId = ptyId;
+    p->cwd = o.cwd.toStdString();
+    p->seq = nextSeq_++;
+    p->proc = std::move(proc);
+    Pty* raw = p.get();
+    raw->proc->onOutput = [this, raw](std::string_view bytes) { onPtyOutput(*raw, bytes); };
+    raw->proc->onExit = [this, key] { onPtyExit(key); };
+    raw->proc->onInputDrained = [this, raw] { resumeInputWriters(*raw); };
+    ptys_.emplace(key, std::move(p));
+    s.cwd = requested;
+    s.lastPty = ptyId;
+    Logger::session("agent " + config_.code + ": pty " + idText(ptyId) + " of client " + s.clientId + " started in " +
+                    raw->cwd + " (pid " + std::to_string(raw->proc->pid()) + ")");
+}
+
+void Agent::onListPty(Seat& s) {
+    std::vector<const Pty*> running;
+    for (const auto& [key, p] : ptys_)
+        if (!p->proc->hasExited()) running.push_back(p.get());
+    std::sort(running.begin(), running.end(), [](const Pty* a, const Pty* b) { return a->seq < b->seq; });
+    PtyListEnvelope env;
+    env.type = "PTY_LIST";
+    for (const Pty* p : running) {
+        PtyListItem item;
+        item.ptyId = p->ptyId;
+        item.cwd = p->cwd;
+        item.state = "running";
+        item.controllerId = controllerOf(p->clientId);
+        item.clientId = p->clientId;
+        env.ptys.push_back(std::move(item));
+    }
+    sendLine(s, env.encode());
+}
+
+void Agent::onFsOp(Seat& s, const Message& m) {
+    FSResultEnvelope r;
+    r.type = "fs_result";
+    r.op = m.op.value_or("");
+    r.path = m.path.value_or(".");
+    if (r.op != "list") {
+        Logger::info("agent " + config_.code + ": unsupported fs_op \"" + r.op + "\" from " + s.id);
+        r.success = false;
+        return sendLine(s, r.encode());
+    }
+    const QString dir = expandPath(*r.path);
+    QFileInfo fi(dir);
+    if (!fi.isDir() || !fi.isReadable()) {
+        r.success = false;
+        return sendLine(s, r.encode());
+    }
+    bool truncated = false;
+    r.data = listDirectory(dir, kMaxListing, &truncated);
+    if (truncated)
+        Logger::info("agent " + config_.code + ": listing of " + dir.toStdString() + " cut at " +
+                     std::to_string(kMaxListing) + " entries");
+    r.success = true;
+    sendLine(s, r.encode());
+}
+
+// ---- shells ----
+
+void Agent::onPtyOutput(Pty& p, std::string_view bytes) {
+    deliverOutput(p, bytes);
+    Seat* primary = primarySeat(p.clientId);
+    if (primary && primary->link->pendingBytes() > kOutputHighWater) {
+        p.flowPaused = true;
+        p.proc->setReadEnabled(false);
+    }
+}
+
+void Agent::deliverOutput(Pty& p, std::string_view bytes) {
+    std::vector<Seat*> targets = seatsOf(p.clientId);
+    if (targets.empty()) {
+        p.backlog.append(bytes);
+        if (p.backlog.size() > kBacklogBytes) p.backlog.erase(0, p.backlog.size() - kBacklogBytes);
+        return;
+    }
+    Message m("PTY_DATA");
+    m.ptyId = p.ptyId;
+    const QByteArray raw = QByteArray::fromRawData(bytes.data(), static_cast<qsizetype>(bytes.size()));
+    m.data = raw.toBase64().toStdString();
+    const std::string line = m.encode();
+    Seat* primary = primarySeat(p.clientId);
+    for (Seat* s : targets) {
+        if (s != primary && s->link->pendingBytes() > kOutputHighWater) continue;  // a stale second seat
+        s->link->sendLine(line);
+    }
+}
+
+void Agent::flushBacklogs(Seat& s) {
+    for (auto& [key, p] : ptys_) {
+        if (key.first != s.clientId || p->backlog.empty()) continue;
+        std::string backlog;
+        backlog.swap(p->backlog);
+        for (size_t off = 0; off < backlog.size(); off += PtyProcess::kReadChunk)
+            deliverOutput(*p, std::string_view(backlog).substr(off, PtyProcess::kReadChunk));
+    }
+}
+
+void Agent::recheckFlow() {
+    for (auto& [key, p] : ptys_) {
+        if (!p->flowPaused) continue;
+        Seat* primary = primarySeat(p->clientId);
+        if (!primary || primary->link->pendingBytes() <= kOutputHighWater) {
+            p->flowPaused = false;
+            p->proc->setReadEnabled(true);
+        }
+    }
+}
+
+void Agent::resumeInputWriters(Pty& p) {
+    auto links = std::move(p.inputPaused);
+    p.inputPaused.clear();
+    for (auto& l : links) {
+        if (!l) continue;
+        // The link may still be waiting for another shell.
+        bool stillBlocked = false;
+        for (auto& [key, other] : ptys_)
+            if (other.get() != &p && std::count(other->inputPaused.begin(), other->inputPaused.end(), l))
+                stillBlocked = true;
+        if (!stillBlocked) l->setReadPaused(false);
+    }
+}
+
+std::unique_ptr<Agent::Pty> Agent::takePty(const PtyKey& key) {
+    auto it = ptys_.find(key);
+    if (it == ptys_.end()) return nullptr;
+    std::unique_ptr<Pty> p = std::move(it->second);
+    ptys_.erase(it);
+    resumeInputWriters(*p);
+    for (auto& s : seats_)
+        if (s->clientId == key.first && s->lastPty == key.second) s->lastPty.reset();
+    return p;
+}
+
+// The shell object may be the one calling us (its exit or output callback), so it is destroyed from
+// the event loop, not here.
+static void disposeLater(std::unique_ptr<PtyProcess> proc) {
+    if (!proc) return;
+    proc->onOutput = nullptr;
+    proc->onExit = nullptr;
+    proc->onInputDrained = nullptr;
+    proc.release()->deleteLater();
+}
+
+void Agent::onPtyExit(const PtyKey& key) {
+    std::unique_ptr<Pty> p = takePty(key);
+    if (!p) return;
+    Logger::session("agent " + config_.code + ": pty " + idText(key.second) + " of client " + key.first + " ended");
+    Message m("PTY_EXIT");
+    m.ptyId = key.second;
+    const std::string line = m.encode();
+    for (Seat* s : seatsOf(key.first)) s->link->sendLine(line);
+    disposeLater(std::move(p->proc));
+}
+
+void Agent::closePty(const PtyKey& key, const std::string& byControllerId) {
+    std::unique_ptr<Pty> p = takePty(key);
+    if (!p) return;
+    Logger::session("agent " + config_.code + ": pty " + idText(key.second) + " of client " + key.first +
+                    " closed by " + byControllerId);
+    // The client's other seats see the session end (for them it was taken over).
+    Message m("PTY_EXIT");
+    m.ptyId = key.second;
+    const std::string line = m.encode();
+    for (Seat* s : seatsOf(key.first))
+        if (s->id != byControllerId) s->link->sendLine(line);
+    disposeLater(std::move(p->proc));  // hangs up and reaps
+}
+
+}  // namespace ostv::server

@@ -1,0 +1,540 @@
+// The relay and agent logic driven in-process through fake controller links, with real shells.
+#include <QDir>
+#include <QFile>
+#include <gtest/gtest.h>
+
+#include "FakeLink.h"
+#include "TestSupport.h"
+#include "agent/Agent.h"
+#include "agent/PtyProcess.h"
+#include "relay/Relay.h"
+
+using namespace ostv;
+using namespace ostv::server;
+using namespace ostv::server::test;
+using ostv::test::spin;
+using ostv::test::waitUntil;
+
+namespace {
+
+class RelayTest : public ::testing::Test {
+protected:
+    void SetUp() override { build(1, 8); }
+    void TearDown() override {
+        relay.reset();
+        agents.clear();
+        ChildReaper::drainAll(3000);
+    }
+
+    void build(int agentCount, int limit) {
+        relay.reset();
+        agents.clear();
+        home = ostv::test::makeTempDir(QStringLiteral("home"));
+        std::vector<Agent*> raw;
+        for (int i = 0; i < agentCount; ++i) {
+            AgentConfig c;
+            c.index = i + 1;
+            c.code = std::to_string(111111 * (i + 1));
+            c.machineId = "m" + std::to_string(i + 1);
+            c.homeDir = home;
+            c.shell = QStringLiteral("/bin/sh");
+            c.limit = limit;
+            agents.push_back(std::make_unique<Agent>(c));
+            raw.push_back(agents.back().get());
+        }
+        relay = std::make_unique<Relay>(raw, [] { return std::pair<double, double>{12.5, 40.0}; });
+    }
+
+    Peer connect(const QString& sni = {}) {
+        Peer p;
+        p.link = new FakeLink(p.wire, sni);
+        relay->accept(p.link);
+        return p;
+    }
+
+    static Message pairMsg(const std::string& code, const std::string& nick) {
+        Message m("pair");
+        m.code = code;
+        m.nickname = nick;
+        m.protoVer = "2.0.0";
+        m.appVer = "2.1.0";
+        return m;
+    }
+
+    // Pairs a new controller with the first agent; answers its controller id.
+    std::string pair(Peer& p, const std::string& nick, const std::string& code = "111111") {
+        p = connect();
+        p.send(pairMsg(code, nick));
+        auto paired = p->received("paired");
+        EXPECT_EQ(paired.size(), 1u) << nick;
+        return paired.empty() ? std::string() : paired.front().id.value_or("");
+    }
+
+    static Message create(int64_t ptyId, const std::string& clientId, const std::string& cwd = "~") {
+        Message m("CREATE_PTY");
+        m.ptyId = ptyId;
+        m.cols = 80;
+        m.rows = 24;
+        m.cwd = cwd;
+        m.clientId = clientId;
+        return m;
+    }
+    static Message input(int64_t ptyId, const std::string& data) {
+        Message m("INPUT");
+        m.ptyId = ptyId;
+        m.data = data;
+        return m;
+    }
+    static Message withPty(const std::string& type, int64_t ptyId) {
+        Message m(type);
+        m.ptyId = ptyId;
+        return m;
+    }
+    std::vector<PtyListItem> listPtys(Peer& p) {
+        size_t from = p->lines.size();
+        p.send(Message("LIST_PTY"));
+        EXPECT_GT(p->lines.size(), from);
+        if (p->lines.size() <= from) return {};
+        auto env = PtyListEnvelope::decode(p->lines.back());
+        EXPECT_TRUE(env.ok()) << p->lines.back();
+        return env ? env->ptys : std::vector<PtyListItem>{};
+    }
+
+    QString home;
+    std::vector<std::unique_ptr<Agent>> agents;
+    std::unique_ptr<Relay> relay;
+};
+
+TEST_F(RelayTest, PairingAnnouncesControllersJoiningAndLeaving) {
+    Peer a, b;
+    std::string idA = pair(a, "alice");
+    ASSERT_FALSE(idA.empty());
+    Message paired = a->received("paired").front();
+    EXPECT_EQ(paired.homeDir, home.toStdString());
+    EXPECT_EQ(paired.os, "linux");
+    EXPECT_EQ(paired.machineId, "m1");
+
+    std::string idB = pair(b, "bob");
+    ASSERT_FALSE(idB.empty());
+    EXPECT_NE(idA, idB);
+    auto joined = a->received("controller_joined");
+    ASSERT_EQ(joined.size(), 1u);
+    EXPECT_EQ(joined[0].id, idB);
+    EXPECT_EQ(joined[0].nickname, "bob");
+    EXPECT_TRUE(b->received("controller_joined").empty()) << "a newcomer is not told about itself";
+    EXPECT_EQ(agents[0]->controllerCount(), 2);
+
+    a.leave();
+    ASSERT_TRUE(b->waitFor("controller_left"));
+    EXPECT_EQ(b->received("controller_left").front().id, idA);
+    EXPECT_EQ(agents[0]->controllerCount(), 1);
+}
+
+TEST_F(RelayTest, UnknownCodeIsRefusedAndClosedWhileTheServerNameCanStandInForAMissingCode) {
+    Peer bad = connect();
+    bad.send(pairMsg("999999", "eve"));
+    auto err = bad->received("error");
+    ASSERT_EQ(err.size(), 1u);
+    EXPECT_FALSE(err[0].msg.value_or("").empty());
+    EXPECT_TRUE(bad->closedByServer);
+    EXPECT_TRUE(bad->received("paired").empty());
+
+    Peer bySni = connect(QStringLiteral("ctrl-111111"));
+    Message m("pair");
+    m.nickname = "sni";
+    bySni.send(m);
+    EXPECT_EQ(bySni->received("paired").size(), 1u);
+}
+
+TEST_F(RelayTest, FullAgentOffersItsControllersAndTakeoverKicksTheChosenOne) {
+    build(1, 2);
+    Peer a, b;
+    std::string idA = pair(a, "alice");
+    std::string idB = pair(b, "bob");
+    a.send(create(1, "client-a"));
+
+    Peer c = connect();
+    c.send(pairMsg("111111", "carol"));
+    EXPECT_TRUE(c->received("paired").empty());
+    auto list = c->received("controller_list");
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].limit, 2);
+    EXPECT_EQ(list[0].current, 2);
+    ASSERT_TRUE(list[0].controllers.has_value());
+    ASSERT_EQ(list[0].controllers->size(), 2u);
+    EXPECT_EQ((*list[0].controllers)[0].id, idA);
+    EXPECT_EQ((*list[0].controllers)[0].nickname, "alice");
+    EXPECT_EQ((*list[0].controllers)[0].workspacePty, "1");
+    EXPECT_EQ((*list[0].controllers)[1].id, idB);
+    EXPECT_FALSE((*list[0].controllers)[1].workspacePty.has_value());
+    EXPECT_EQ(agents[0]->controllerCount(), 2) << "a controller choosing is not seated";
+
+    // A request before being seated is refused; the choice is still open afterwards.
+    c.send(Message("LIST_PTY"));
+    EXPECT_EQ(c->received("error").size(), 1u);
+
+    Message takeover("takeover");
+    takeover.targetControllerId = idA;
+    c.send(takeover);
+    auto kicked = a->received("kicked");
+    ASSERT_EQ(kicked.size(), 1u);
+    EXPECT_EQ(kicked[0].by, "carol");
+    EXPECT_FALSE(kicked[0].reason.value_or("").empty());
+    EXPECT_TRUE(a->closedByServer);
+
+    auto paired = c->received("paired");
+    ASSERT_EQ(paired.size(), 1u);
+    std::string idC = paired[0].id.value_or("");
+    auto left = b->received("controller_left");
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0].id, idA);
+    auto joined = b->received("controller_joined");
+    ASSERT_EQ(joined.size(), 1u);
+    EXPECT_EQ(joined[0].id, idC);
+    EXPECT_EQ(agents[0]->controllerCount(), 2);
+
+    // The kicked link's close must not count as a second departure.
+    spin(50);
+    EXPECT_EQ(b->received("controller_left").size(), 1u);
+    EXPECT_EQ(agents[0]->controllerCount(), 2);
+    // Its shell lives on for its client.
+    auto ptys = listPtys(b);
+    ASSERT_EQ(ptys.size(), 1u);
+    EXPECT_EQ(ptys[0].clientId, "client-a");
+}
+
+TEST_F(RelayTest, TakeoverOfAControllerThatIsGoneAsksAgainOrUsesTheFreedSeat) {
+    build(1, 1);
+    Peer a;
+    std::string idA = pair(a, "alice");
+    Peer c = connect();
+    c.send(pairMsg("111111", "carol"));
+    ASSERT_EQ(c->received("controller_list").size(), 1u);
+
+    Message t("takeover");
+    t.targetControllerId = "no-such-controller";
+    c.send(t);
+    EXPECT_EQ(c->received("error").size(), 1u);
+    EXPECT_EQ(c->received("controller_list").size(), 2u) << "the list is offered again";
+    EXPECT_TRUE(a->received("kicked").empty());
+
+    a.leave();
+    ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
+    t.targetControllerId = idA;
+    c.send(t);
+    EXPECT_EQ(c->received("paired").size(), 1u);
+}
+
+TEST_F(RelayTest, LatencyPingIsAnsweredWithTheSameStampAndTheLoad) {
+    Peer p = connect();  // answered even before pairing
+    Message ping("latency_ping");
+    ping.ts = 1700000000123;
+    p.send(ping);
+    auto pong = p->received("latency_pong");
+    ASSERT_EQ(pong.size(), 1u);
+    EXPECT_EQ(pong[0].ts, 1700000000123);
+    EXPECT_DOUBLE_EQ(pong[0].cpu.value_or(-1), 12.5);
+    EXPECT_DOUBLE_EQ(pong[0].mem.value_or(-1), 40.0);
+}
+
+TEST_F(RelayTest, ShellRunsInputResizeExecAndExit) {
+    Peer a;
+    pair(a, "alice");
+    QDir(home).mkpath("work/src");
+    a.send(create(1, "client-a", "~/work/src"));
+    ASSERT_TRUE(a->received("PTY_ERROR").empty()) << a->lines.back();
+
+    a.send(input(1, "echo cwd=$(pwd) sum=$((6*7))\r"));
+    EXPECT_TRUE(a->waitOutput(1, "sum=42")) << a->output(1);
+    EXPECT_NE(a->output(1).find("cwd=" + QDir(home).filePath("work/src").toStdString()), std::string::npos);
+
+    size_t mark = a->lines.size();
+    Message rs("RESIZE");
+    rs.ptyId = 1;
+    rs.cols = 123;
+    rs.rows = 45;
+    a.send(rs);
+    Message exec("EXEC");
+    exec.ptyId = 1;
+    exec.command = "stty size; echo term=$TERM";
+    a.send(exec);
+    EXPECT_TRUE(a->waitOutput(1, "45 123", mark)) << a->output(1, mark);
+    EXPECT_TRUE(a->waitOutput(1, "term=xterm-256color", mark));
+
+    a.send(input(1, "exit\r"));
+    auto exit = a->waitFor("PTY_EXIT");
+    ASSERT_TRUE(exit);
+    EXPECT_EQ(exit->ptyId, 1);
+    EXPECT_TRUE(listPtys(a).empty());
+    EXPECT_EQ(agents[0]->ptyCount(), 0u);
+}
+
+TEST_F(RelayTest, CreateFailuresAreReportedPerShell) {
+    Peer a;
+    pair(a, "alice");
+    a.send(create(3, "client-a", "/definitely/not/here"));
+    auto err = a->received("PTY_ERROR");
+    ASSERT_EQ(err.size(), 1u);
+    EXPECT_EQ(err[0].ptyId, 3);
+    EXPECT_NE(err[0].reason.value_or("").find("/definitely/not/here"), std::string::npos);
+
+    QFile f(QDir(home).filePath("plain.txt"));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.close();
+    a.send(create(4, "client-a", "~/plain.txt"));
+    EXPECT_EQ(a->received("PTY_ERROR").size(), 2u) << "a file is no working directory";
+
+    // An id the client already runs is refused and the running shell is left alone.
+    a.send(create(5, "client-a"));
+    a.send(create(5, "client-a"));
+    ASSERT_EQ(a->received("PTY_ERROR").size(), 3u);
+    EXPECT_EQ(a->received("PTY_ERROR").back().ptyId, 5);
+    a.send(input(5, "echo still=$((2+3))\r"));
+    EXPECT_TRUE(a->waitOutput(5, "still=5"));
+    EXPECT_EQ(agents[0]->ptyCount(), 1u);
+}
+
+TEST_F(RelayTest, ShellsOfTwoClientsWithTheSameIdStaySeparate) {
+    Peer a, b;
+    std::string idA = pair(a, "alice");
+    std::string idB = pair(b, "bob");
+    a.send(create(1, "client-a"));
+    b.send(create(1, "client-b"));
+    a.send(input(1, "echo A$((100+1))\r"));
+    b.send(input(1, "echo B$((200+2))\r"));
+    ASSERT_TRUE(a->waitOutput(1, "A101"));
+    ASSERT_TRUE(b->waitOutput(1, "B202"));
+    spin(100);
+    EXPECT_EQ(a->output(1).find("B202"), std::string::npos);
+    EXPECT_EQ(b->output(1).find("A101"), std::string::npos);
+
+    auto ptys = listPtys(b);
+    ASSERT_EQ(ptys.size(), 2u);
+    EXPECT_EQ(ptys[0].clientId, "client-a");
+    EXPECT_EQ(ptys[0].controllerId, idA);
+    EXPECT_EQ(ptys[0].state, "running");
+    EXPECT_EQ(ptys[0].cwd, home.toStdString());
+    EXPECT_EQ(ptys[1].clientId, "client-b");
+    EXPECT_EQ(ptys[1].controllerId, idB);
+
+    // Each client's own shell comes first: bob closing 1 ends his own, not alice's.
+    b.send(withPty("CLOSE_PTY", 1));
+    ptys = listPtys(a);
+    ASSERT_EQ(ptys.size(), 1u);
+    EXPECT_EQ(ptys[0].clientId, "client-a");
+    EXPECT_TRUE(a->received("PTY_EXIT").empty());
+}
+
+TEST_F(RelayTest, ClosingAnotherClientsSessionEndsItForItsOwner) {
+    Peer a, b;
+    pair(a, "alice");
+    pair(b, "bob");
+    a.send(create(2, "client-a"));
+    b.send(create(7, "client-b"));
+    b.send(withPty("CLOSE_PTY", 2));
+    auto exit = a->waitFor("PTY_EXIT", 0, 1000);
+    ASSERT_TRUE(exit);
+    EXPECT_EQ(exit->ptyId, 2);
+    auto ptys = listPtys(b);
+    ASSERT_EQ(ptys.size(), 1u);
+    EXPECT_EQ(ptys[0].ptyId, 7);
+
+    // Typing is only for one's own shells: bob's input for an id he does not have goes nowhere.
+    a.send(create(3, "client-a"));
+    size_t mark = a->lines.size();
+    b.send(input(3, "echo leaked$((1+1))\r"));
+    spin(300);
+    EXPECT_EQ(a->output(3, mark).find("leaked2"), std::string::npos);
+}
+
+TEST_F(RelayTest, ClientThatPairsAgainGetsItsShellAndWhatItMissed) {
+    Peer a;
+    std::string idA = pair(a, "alice");
+    a.send(create(1, "client-x"));
+    a.send(input(1, "echo ready$((1+1)); sleep 0.4; echo missed$((3+4))\r"));
+    ASSERT_TRUE(a->waitOutput(1, "ready2"));
+    a.leave();
+    ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
+    spin(700);  // the shell writes while nobody is there
+
+    Peer again;
+    std::string idAgain = pair(again, "alice");
+    auto ptys = listPtys(again);
+    ASSERT_EQ(ptys.size(), 1u);
+    EXPECT_EQ(ptys[0].ptyId, 1);
+    EXPECT_EQ(ptys[0].clientId, "client-x");
+    EXPECT_EQ(ptys[0].controllerId, idA) << "the last controller of that client";
+
+    // Its first request about the shell re-attaches the new controller to the client.
+    Message rs("RESIZE");
+    rs.ptyId = 1;
+    rs.cols = 90;
+    rs.rows = 30;
+    again.send(rs);
+    EXPECT_TRUE(again->waitOutput(1, "missed7")) << "output from while it was away is replayed";
+    again.send(input(1, "echo back$((5+5))\r"));
+    EXPECT_TRUE(again->waitOutput(1, "back10"));
+    EXPECT_EQ(listPtys(again).at(0).controllerId, idAgain);
+}
+
+TEST_F(RelayTest, DirectoryListing) {
+    QDir h(home);
+    h.mkpath("beta/inner");
+    h.mkpath("Alpha");
+    QFile f(h.filePath("zeta.txt"));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.close();
+    ASSERT_TRUE(QFile::link(h.filePath("beta"), h.filePath("link-to-beta")));
+
+    Peer a;
+    pair(a, "alice");
+    auto ask = [&](std::optional<std::string> path, const std::string& op = "list") {
+        Message m("fs_op");
+        m.op = op;
+        m.path = path;
+        a.send(m);
+        auto r = FSResultEnvelope::decode(a->lines.back());
+        EXPECT_TRUE(r.ok()) << a->lines.back();
+        return r ? r.value() : FSResultEnvelope{};
+    };
+
+    FSResultEnvelope top = ask(std::string("."));
+    EXPECT_TRUE(top.success);
+    EXPECT_EQ(top.op, "list");
+    EXPECT_EQ(top.path, ".");
+    ASSERT_TRUE(top.data.has_value());
+    std::vector<std::string> names;
+    for (const auto& e : *top.data) names.push_back(e.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"Alpha", "beta", "link-to-beta", "zeta.txt"}));
+    EXPECT_EQ((*top.data)[1].path, h.filePath("beta").toStdString());
+    EXPECT_EQ((*top.data)[1].fileType, "directory");
+    EXPECT_FALSE((*top.data)[1].isSymlink);
+    EXPECT_EQ((*top.data)[2].fileType, "directory");
+    EXPECT_TRUE((*top.data)[2].isSymlink);
+    EXPECT_EQ((*top.data)[3].fileType, "file");
+
+    FSResultEnvelope sub = ask(std::string("~/beta"));
+    EXPECT_TRUE(sub.success);
+    EXPECT_EQ(sub.path, "~/beta") << "the path comes back as asked";
+    ASSERT_TRUE(sub.data && sub.data->size() == 1);
+    EXPECT_EQ((*sub.data)[0].path, h.filePath("beta/inner").toStdString());
+
+    FSResultEnvelope abs = ask(h.filePath("beta/inner").toStdString());
+    EXPECT_TRUE(abs.success);
+    EXPECT_TRUE(abs.data && abs.data->empty());
+
+    FSResultEnvelope missing = ask(std::string("/no/such/dir"));
+    EXPECT_FALSE(missing.success);
+    EXPECT_EQ(missing.path, "/no/such/dir");
+    FSResultEnvelope notDir = ask(h.filePath("zeta.txt").toStdString());
+    EXPECT_FALSE(notDir.success);
+    FSResultEnvelope otherOp = ask(std::string("."), "delete");
+    EXPECT_FALSE(otherOp.success);
+    EXPECT_EQ(otherOp.op, "delete");
+    EXPECT_TRUE(QDir(home).exists("beta"));
+}
+
+TEST_F(RelayTest, BadInputIsAnsweredAndNobodyElseNotices) {
+    Peer a, b;
+    pair(a, "alice");
+    pair(b, "bob");
+    b.send(create(1, "client-b"));
+
+    size_t errors = 0;
+    auto expectError = [&](const std::string& line, const char* what) {
+        a.sendRaw(line);
+        EXPECT_EQ(a->received("error").size(), ++errors) << what << ": " << line;
+    };
+    expectError("this is not json", "not JSON");
+    expectError("[1,2,3]", "not an object");
+    expectError(R"({"no_type":1})", "no type");
+    expectError(R"({"type":"INPUT","pty_id":"1","data":"x"})", "pty_id as a string");
+    expectError(R"({"type":"INPUT","data":"x"})", "missing pty_id");
+    expectError(R"({"type":"RESIZE","pty_id":1,"cols":80})", "missing rows");
+    expectError(R"({"type":"EXEC","pty_id":1})", "missing command");
+    expectError(R"({"type":"CREATE_PTY","cwd":"~"})", "CREATE_PTY without pty_id");
+    expectError(R"({"type":"pair","code":"111111","nickname":"again"})", "pairing twice");
+    expectError(std::string("{\"type\":\"INPUT\",\"pty_id\":1,\"data\":\"") + std::string(Relay::kMaxLineBytes, 'x') + "\"}",
+                "huge line");
+    expectError(std::string("{\"type\":\"fs_op\",\"path\":\"\xff\xfe\"}"), "invalid UTF-8");
+
+    a.sendRaw(R"({"type":"SOMETHING_NEW","pty_id":1})");
+    EXPECT_EQ(a->received("error").size(), errors) << "unknown types are ignored";
+    a.sendRaw(R"({"type":"INPUT","pty_id":99,"data":"x"})");
+    a.sendRaw(R"({"type":"RESIZE","pty_id":-5,"cols":-1,"rows":99999999})");
+    a.sendRaw(R"({"type":"CLOSE_PTY","pty_id":42})");
+
+    // Both links still work, and bob's shell never noticed.
+    EXPECT_FALSE(a->closedByServer);
+    Message ping("latency_ping");
+    ping.ts = 5;
+    a.send(ping);
+    EXPECT_EQ(a->received("latency_pong").size(), 1u);
+    b.send(input(1, "echo fine$((4+4))\r"));
+    EXPECT_TRUE(b->waitOutput(1, "fine8"));
+    EXPECT_TRUE(b->received("error").empty());
+    EXPECT_EQ(agents[0]->controllerCount(), 2);
+}
+
+TEST_F(RelayTest, RequestsBeforePairingAreRefusedAndAnIdleLinkIsClosed) {
+    relay->setPairTimeoutMs(200);
+    Peer p = connect();
+    p.send(create(1, "c"));
+    p.send(Message("LIST_PTY"));
+    EXPECT_EQ(p->received("error").size(), 2u);
+    EXPECT_EQ(agents[0]->ptyCount(), 0u);
+    Message t("takeover");
+    t.targetControllerId = "x";
+    p.send(t);
+    EXPECT_EQ(p->received("error").size(), 3u);
+    EXPECT_TRUE(waitUntil([&] { return p->closedByServer; }, 2000));
+}
+
+TEST_F(RelayTest, FloodingShellIsHeldBackByASlowControllerAndResumesWhenItDrains) {
+    Peer a;
+    pair(a, "alice");
+    a->holdAcks = true;
+    a.send(create(1, "client-a"));
+    a.send(input(1, "stty -echo; yes flood\r"));
+
+    // The shell produces far more than the high-water mark, but sending stops just past it.
+    ASSERT_TRUE(waitUntil([&] { return a->pending > Agent::kOutputHighWater; }));
+    spin(300);
+    size_t sentAtStall = a->sentBytes;
+    spin(300);
+    EXPECT_EQ(a->sentBytes, sentAtStall) << "nothing is sent while the link is full";
+    EXPECT_LT(a->pending, Agent::kOutputHighWater + 64 * 1024);
+
+    // Once the peer catches up, the output flows again, and stays bounded each round.
+    for (int round = 0; round < 3; ++round) {
+        size_t before = a->sentBytes;
+        a.ackAll();
+        ASSERT_TRUE(waitUntil([&] { return a->pending > Agent::kOutputHighWater; })) << round;
+        EXPECT_GT(a->sentBytes, before);
+        spin(100);
+        EXPECT_LT(a->pending, Agent::kOutputHighWater + 64 * 1024);
+    }
+    a->holdAcks = false;
+    a.ackAll();
+    a.send(input(1, "\x03"));
+    size_t mark = a->lines.size();
+    a.send(input(1, "echo done$((9*9))\r"));
+    EXPECT_TRUE(a->waitOutput(1, "done81", mark, 10000));
+}
+
+TEST_F(RelayTest, ControllerWhoseTypingPilesUpIsPausedUntilTheShellTakesIt) {
+    Peer a;
+    pair(a, "alice");
+    a.send(create(1, "client-a"));
+    // The shell stops reading its terminal for a while.
+    a.send(input(1, "stty raw -echo; sleep 2\r"));
+    spin(300);
+    std::string chunk(256 * 1024, 'x');
+    for (int i = 0; i < 6 && !a->readPaused; ++i) a.send(input(1, chunk));
+    EXPECT_TRUE(a->readPaused);
+    // When the shell is closed, the controller is let go.
+    a.send(withPty("CLOSE_PTY", 1));
+    EXPECT_FALSE(a->readPaused);
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+// The server program as a whole: its start-up lines, its command line, its admin HTTP API over real
+// HTTP, and a clean stop.
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QRegularExpression>
+#include <gtest/gtest.h>
+#include <set>
+#include <sys/wait.h>
+
+#include "LocalServer.h"
+#include "TestSupport.h"
+
+using ostv::test::LocalServer;
+using ostv::test::waitUntil;
+
+namespace {
+
+struct HttpAnswer {
+    int status = 0;
+    QByteArray body;
+    QJsonDocument json() const { return QJsonDocument::fromJson(body); }
+};
+
+HttpAnswer http(const QByteArray& verb, const QString& url, const QByteArray& body = {},
+                const QByteArray& bearer = {}) {
+    static QNetworkAccessManager* nam = new QNetworkAccessManager();
+    QNetworkRequest req{QUrl(url)};
+    if (!body.isNull()) req.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
+    if (!bearer.isNull()) req.setRawHeader("Authorization", "Bearer " + bearer);
+    QNetworkReply* reply = nam->sendCustomRequest(req, verb, body);
+    EXPECT_TRUE(waitUntil([&] { return reply->isFinished(); }, 10000)) << verb.toStdString() << " " << url.toStdString();
+    HttpAnswer a;
+    a.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    a.body = reply->readAll();
+    reply->deleteLater();
+    return a;
+}
+
+QByteArray loginBody(const QString& user, const QString& password) {
+    return QJsonDocument(QJsonObject{{"username", user}, {"password", password}}).toJson(QJsonDocument::Compact);
+}
+
+TEST(ServerProgram, PrintsWhereItListensAndEveryAgentAndKeepsThemOnRestart) {
+    LocalServer server({"--agents", "3", "--code", "123456"});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    EXPECT_EQ(server.host(), "127.0.0.1");
+    EXPECT_NE(server.quicPort(), 0);
+    EXPECT_NE(server.adminPort(), 0);
+    ASSERT_EQ(server.agents().size(), 3u);
+    EXPECT_EQ(server.code(0), "123456");
+    std::set<QString> codes, ids;
+    for (const auto& a : server.agents()) {
+        EXPECT_TRUE(QRegularExpression("^[0-9]{6}$").match(a.code).hasMatch()) << a.code.toStdString();
+        EXPECT_FALSE(a.machineId.isEmpty());
+        EXPECT_EQ(a.os, "linux");
+        codes.insert(a.code);
+        ids.insert(a.machineId);
+    }
+    EXPECT_EQ(codes.size(), 3u);
+    EXPECT_EQ(ids.size(), 3u);
+    const auto before = server.agents();
+    const quint16 quic = server.quicPort(), admin = server.adminPort();
+
+    ASSERT_TRUE(server.restart()) << server.errorString().toStdString();
+    EXPECT_EQ(server.quicPort(), quic);
+    EXPECT_EQ(server.adminPort(), admin);
+    ASSERT_EQ(server.agents().size(), 3u);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(server.agents()[i].code, before[i].code);
+        EXPECT_EQ(server.agents()[i].machineId, before[i].machineId) << "machine ids are stable";
+    }
+}
+
+TEST(ServerProgram, BadCommandLineAndTakenPortsEndWithAClearMessage) {
+    LocalServer bad({"--agents", "zero"});
+    EXPECT_FALSE(bad.start(10000));
+    EXPECT_TRUE(bad.errorString().contains("--agents")) << bad.errorString().toStdString();
+
+    LocalServer first;
+    ASSERT_TRUE(first.start()) << first.errorString().toStdString();
+    LocalServer second({"--admin-port", QString::number(first.adminPort())});
+    EXPECT_FALSE(second.start(10000));
+    EXPECT_TRUE(second.errorString().contains(QString::number(first.adminPort()))) << second.errorString().toStdString();
+    EXPECT_TRUE(first.isRunning()) << "the first server is not disturbed";
+
+    LocalServer help({"--help"});
+    EXPECT_FALSE(help.start(10000));
+    EXPECT_TRUE(help.errorString().contains("--quic-port")) << "the usage text names the options";
+}
+
+TEST(ServerProgram, StopsCleanlyOnSigterm) {
+    LocalServer server;
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    const int status = server.stop(5000);
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_FALSE(server.isRunning());
+}
+
+TEST(AdminApi, LoginRightWrongAndMalformed) {
+    LocalServer server({"--user", "ops", "--password", "s3cret"});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    const QString url = server.adminUrl() + "/admin/login";
+
+    HttpAnswer ok = http("POST", url, loginBody("ops", "s3cret"));
+    EXPECT_EQ(ok.status, 200);
+    QJsonObject o = ok.json().object();
+    EXPECT_FALSE(o.value("token").toString().isEmpty()) << ok.body.toStdString();
+    EXPECT_EQ(o.value("username").toString(), "ops");
+    EXPECT_TRUE(o.value("role").isString());
+
+    for (auto [user, pw] : {std::pair{"ops", "wrong"}, std::pair{"admin", "quill_tarn"}, std::pair{"", ""}}) {
+        HttpAnswer bad = http("POST", url, loginBody(user, pw));
+        EXPECT_EQ(bad.status, 200) << user;
+        EXPECT_FALSE(bad.json().object().contains("token")) << bad.body.toStdString();
+        EXPECT_TRUE(bad.json().object().contains("error")) << bad.body.toStdString();
+    }
+    EXPECT_EQ(http("POST", url, "this is not json").status, 400);
+}
+
+TEST(AdminApi, AgentListNeedsAValidToken) {
+    LocalServer server({"--agents", "2", "--code", "654321"});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    const QString agentsUrl = server.adminUrl() + "/admin/agents";
+
+    EXPECT_EQ(http("GET", agentsUrl).status, 401);
+    EXPECT_EQ(http("GET", agentsUrl, {}, "not-a-token").status, 401);
+    EXPECT_EQ(http("HEAD", agentsUrl).status, 401);
+
+    QByteArray token =
+        http("POST", server.adminUrl() + "/admin/login", loginBody("admin", "quill_tarn")).json()["token"].toString().toUtf8();
+    ASSERT_FALSE(token.isEmpty());
+    HttpAnswer list = http("GET", agentsUrl, {}, token);
+    EXPECT_EQ(list.status, 200);
+    ASSERT_TRUE(list.json().isArray()) << list.body.toStdString();
+    QJsonArray arr = list.json().array();
+    ASSERT_EQ(arr.size(), 2);
+    for (int i = 0; i < 2; ++i) {
+        QJsonObject a = arr[i].toObject();
+        EXPECT_EQ(a["code"].toString(), server.agents()[static_cast<size_t>(i)].code);
+        EXPECT_EQ(a["machine_id"].toString(), server.agents()[static_cast<size_t>(i)].machineId);
+        EXPECT_EQ(a["os"].toString(), "linux");
+        EXPECT_TRUE(a["controller_count"].isDouble());
+        EXPECT_EQ(a["controller_count"].toInt(-1), 0);
+        EXPECT_GE(a["cpu"].toDouble(-1), 0.0);
+        EXPECT_GT(a["mem"].toDouble(-1), 0.0);
+    }
+    EXPECT_EQ(arr[0].toObject()["code"].toString(), "654321");
+
+    // A server that was restarted has forgotten the tokens it handed out.
+    ASSERT_TRUE(server.restart()) << server.errorString().toStdString();
+    EXPECT_EQ(http("GET", agentsUrl, {}, token).status, 401);
+}
+
+}  // namespace

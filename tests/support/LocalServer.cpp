@@ -1,0 +1,252 @@
+#include "LocalServer.h"
+
+#include <QUrl>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace ostv::test {
+
+namespace {
+
+constexpr size_t kOutputCap = 1024 * 1024;
+const std::string kPrefix = "ostvarren-server: ";
+
+bool hasOption(const QStringList& args, const QString& name) {
+    for (const QString& a : args)
+        if (a == name || a.startsWith(name + "=")) return true;
+    return false;
+}
+
+}  // namespace
+
+LocalServer::LocalServer(QStringList args) : args_(std::move(args)) {}
+
+LocalServer::~LocalServer() { stop(); }
+
+QString LocalServer::adminUrl() const { return QStringLiteral("http://%1:%2").arg(host_).arg(adminPort_); }
+
+QString LocalServer::code(int agent) const {
+    return agent >= 0 && agent < static_cast<int>(agents_.size()) ? agents_[static_cast<size_t>(agent)].code : QString();
+}
+
+bool LocalServer::isRunning() const {
+    if (pid_ <= 0) return false;
+    siginfo_t info{};
+    if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return false;
+    return info.si_pid == 0;
+}
+
+bool LocalServer::start(int timeoutMs) {
+    if (pid_ > 0) stop();
+    error_.clear();
+    const QByteArray bin = qgetenv("OSTV_SERVER_BIN");
+    if (bin.isEmpty()) {
+        error_ = QStringLiteral("OSTV_SERVER_BIN is not set");
+        return false;
+    }
+
+    QStringList args = started_ ? restartArgs_ : args_;
+    if (!started_) {
+        if (!hasOption(args, "--quic-port")) args << "--quic-port" << "0";
+        if (!hasOption(args, "--admin-port")) args << "--admin-port" << "0";
+    }
+    std::vector<std::string> argStore{bin.toStdString()};
+    for (const QString& a : args) argStore.push_back(a.toStdString());
+    std::vector<char*> argv;
+    for (auto& s : argStore) argv.push_back(s.data());
+    argv.push_back(nullptr);
+
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        error_ = QStringLiteral("pipe: ") + QString::fromLocal8Bit(std::strerror(errno));
+        return false;
+    }
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&fa, fds[1], STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&fa, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    // The program starts with default signal handling, whatever the test process set up.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t all, none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    pid_t pid = -1;
+    int rc = ::posix_spawn(&pid, argv[0], &fa, &attr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    posix_spawnattr_destroy(&attr);
+    ::close(fds[1]);
+    if (rc != 0) {
+        ::close(fds[0]);
+        error_ = QStringLiteral("cannot start %1: %2").arg(QString::fromLocal8Bit(bin), QString::fromLocal8Bit(std::strerror(rc)));
+        return false;
+    }
+    pid_ = pid;
+    {
+        std::lock_guard lock(mutex_);
+        ready_ = false;
+        eof_ = false;
+        partial_.clear();
+        host_.clear();
+        quicPort_ = adminPort_ = 0;
+        agents_.clear();
+    }
+    reader_ = std::thread([this, fd = fds[0]] { readerLoop(fd); });
+
+    std::unique_lock lock(mutex_);
+    bool ok = cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return ready_ || eof_; }) && ready_;
+    if (ok) {
+        if (!started_) {
+            // Later starts come back on the same ports with the same codes.
+            restartArgs_ = args_;
+            auto drop = [&](const QString& name) {
+                for (int i = 0; i < restartArgs_.size();) {
+                    if (restartArgs_[i] == name && i + 1 < restartArgs_.size())
+                        restartArgs_.remove(i, 2);
+                    else if (restartArgs_[i].startsWith(name + "="))
+                        restartArgs_.remove(i);
+                    else
+                        ++i;
+                }
+            };
+            drop("--quic-port");
+            drop("--admin-port");
+            drop("--code");
+            restartArgs_ << "--quic-port" << QString::number(quicPort_) << "--admin-port" << QString::number(adminPort_);
+            for (const Agent& a : agents_) restartArgs_ << "--code" << a.code;
+            started_ = true;
+        }
+        return true;
+    }
+    std::string tail = output_.size() > 4000 ? output_.substr(output_.size() - 4000) : output_;
+    const bool ended = eof_;
+    lock.unlock();
+    error_ = (ended ? QStringLiteral("the server ended before it was ready: ")
+                   : QStringLiteral("the server was not ready in time: ")) +
+             QString::fromStdString(tail);
+    stop(2000);
+    return false;
+}
+
+bool LocalServer::restart(int timeoutMs) {
+    stop();
+    return start(timeoutMs);
+}
+
+int LocalServer::stop(int timeoutMs) {
+    if (pid_ <= 0) {
+        joinReader();
+        return -1;
+    }
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    bool reaped = false;
+    while (!reaped) {
+        pid_t r = ::waitpid(pid_, &status, WNOHANG);
+        if (r == pid_ || (r < 0 && errno != EINTR)) {
+            reaped = true;
+            break;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) break;
+        ::usleep(10 * 1000);
+    }
+    if (!reaped) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+        status = -2;
+    }
+    pid_ = -1;
+    joinReader();
+    return status;
+}
+
+void LocalServer::joinReader() {
+    if (reader_.joinable()) reader_.join();
+}
+
+void LocalServer::readerLoop(int fd) {
+    char buf[16384];
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        std::lock_guard lock(mutex_);
+        output_.append(buf, static_cast<size_t>(n));
+        if (output_.size() > kOutputCap) {
+            size_t cut = output_.size() - kOutputCap / 2;
+            output_.erase(0, cut);
+            dropped_ += cut;
+        }
+        partial_.append(buf, static_cast<size_t>(n));
+        size_t start = 0;
+        for (size_t nl; (nl = partial_.find('\n', start)) != std::string::npos; start = nl + 1)
+            if (!ready_) parseLine(partial_.substr(start, nl - start));
+        partial_.erase(0, start);
+        if (partial_.size() > 65536) partial_.clear();
+        cv_.notify_all();
+    }
+    ::close(fd);
+    std::lock_guard lock(mutex_);
+    eof_ = true;
+    cv_.notify_all();
+}
+
+// Called with mutex_ held.
+void LocalServer::parseLine(const std::string& line) {
+    if (line.rfind(kPrefix, 0) != 0) return;
+    const QString rest = QString::fromStdString(line.substr(kPrefix.size()));
+    const QStringList w = rest.split(' ', Qt::SkipEmptyParts);
+    if (w.size() == 1 && w[0] == "ready") {
+        ready_ = true;
+    } else if (w.size() == 2 && w[0] == "admin") {
+        QUrl url(w[1]);
+        adminPort_ = static_cast<quint16>(url.port());
+        host_ = url.host();
+    } else if (w.size() == 3 && w[0] == "relay" && w[1] == "quic") {
+        int colon = w[2].lastIndexOf(':');
+        quicPort_ = static_cast<quint16>(w[2].mid(colon + 1).toUInt());
+        if (host_.isEmpty()) host_ = w[2].left(colon).remove('[').remove(']');
+    } else if (w.size() >= 4 && w[0] == "agent" && w[2] == "code") {
+        Agent a;
+        a.index = w[1].toInt();
+        a.code = w[3];
+        for (int i = 4; i + 1 < w.size(); i += 2) {
+            if (w[i] == "machine_id") a.machineId = w[i + 1];
+            if (w[i] == "os") a.os = w[i + 1];
+        }
+        agents_.push_back(a);
+    }
+}
+
+std::string LocalServer::output() const {
+    std::lock_guard lock(mutex_);
+    return output_;
+}
+
+size_t LocalServer::outputMark() const {
+    std::lock_guard lock(mutex_);
+    return dropped_ + output_.size();
+}
+
+bool LocalServer::waitForOutput(const std::string& needle, int timeoutMs, size_t from) {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        size_t off = from > dropped_ ? from - dropped_ : 0;
+        return off <= output_.size() && output_.find(needle, off) != std::string::npos;
+    });
+}
+
+}  // namespace ostv::test

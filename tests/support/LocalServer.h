@@ -1,0 +1,83 @@
+#pragma once
+// Starts the project's own server program (the binary named by OSTV_SERVER_BIN) for a test: waits
+// for its "ready" line, reads the ports and pairing codes it prints, keeps draining its output, and
+// stops it with SIGTERM when asked or when destroyed. A stopped server can be started again on the
+// same ports with the same codes (for tests of a server that goes away and comes back).
+#include <QString>
+#include <QStringList>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+#include <sys/types.h>
+
+namespace ostv::test {
+
+class LocalServer {
+public:
+    struct Agent {
+        int index = 0;
+        QString code;
+        QString machineId;
+        QString os;
+    };
+
+    // Extra arguments for the program; unless they say otherwise the ports are "--quic-port 0
+    // --admin-port 0" (any free port). Nothing is started yet.
+    explicit LocalServer(QStringList args = {});
+    ~LocalServer();
+    LocalServer(const LocalServer&) = delete;
+    LocalServer& operator=(const LocalServer&) = delete;
+
+    // Starts the program and waits for "ready". The first start uses the given ports; every later
+    // start uses the ports and codes of the first. False with errorString() on failure.
+    bool start(int timeoutMs = 20000);
+    // SIGTERM, then SIGKILL if it has not ended within timeoutMs. Answers the exit status as
+    // waitpid reports it, or -1 when nothing was running.
+    int stop(int timeoutMs = 5000);
+    bool restart(int timeoutMs = 20000);
+    bool isRunning() const;
+    pid_t pid() const { return pid_; }
+
+    QString host() const { return host_; }
+    quint16 quicPort() const { return quicPort_; }
+    quint16 adminPort() const { return adminPort_; }
+    QString adminUrl() const;  // "http://host:port"
+    const std::vector<Agent>& agents() const { return agents_; }
+    QString code(int agent = 0) const;
+    QString errorString() const { return error_; }
+
+    // What the program has written (the last 512 KiB to 1 MiB of it), both streams interleaved.
+    std::string output() const;
+    // A position in everything the program has written so far, for waitForOutput.
+    size_t outputMark() const;
+    // Waits until the output written after `from` (an earlier outputMark()) contains `needle`.
+    bool waitForOutput(const std::string& needle, int timeoutMs = 5000, size_t from = 0);
+
+private:
+    void readerLoop(int fd);
+    void parseLine(const std::string& line);
+    void joinReader();
+
+    QStringList args_;
+    QStringList restartArgs_;
+    bool started_ = false;
+    pid_t pid_ = -1;
+    QString host_;
+    quint16 quicPort_ = 0;
+    quint16 adminPort_ = 0;
+    std::vector<Agent> agents_;
+    QString error_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    std::string output_;
+    size_t dropped_ = 0;  // bytes cut from the front of output_
+    std::string partial_;
+    bool ready_ = false;
+    bool eof_ = false;
+    std::thread reader_;
+};
+
+}  // namespace ostv::test
