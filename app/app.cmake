@@ -8,7 +8,7 @@ target_include_directories(ostvarren_appui PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(ostvarren_appui PUBLIC ostvarren_widgets ostvarren_admin Qt6::Widgets Qt6::WebEngineWidgets)
 
 qt_add_executable(ostvarren ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${CMAKE_CURRENT_LIST_DIR}/AppWiring.cpp)
-target_link_libraries(ostvarren PRIVATE ostvarren_appui)
+target_link_libraries(ostvarren PRIVATE ostvarren_appui ostvarren_workspace)
 set_source_files_properties(${CMAKE_SOURCE_DIR}/resources/icons/ostvarren.svg PROPERTIES QT_RESOURCE_ALIAS ostvarren.svg)
 qt_add_resources(ostvarren app_icons PREFIX /icons FILES ${CMAKE_SOURCE_DIR}/resources/icons/ostvarren.svg)
 

@@ -21,7 +21,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   xvfb xauth x11-utils
   gnome-keyring dbus dbus-x11 libsecret-tools
-  fonts-noto-cjk fonts-dejavu-core
+  fonts-noto-cjk fonts-noto-color-emoji fonts-dejavu-core
   clang libclang-rt-14-dev
   iproute2 procps
 )

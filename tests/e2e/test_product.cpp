@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QPointer>
+#include <QWebEnginePage>
+#include <QWebEngineView>
+
+#include "AdminAPIClient.h"
+#include "AppDelegate.h"
+#include "AppWiring.h"
+#include "ClientIdentity.h"
+#include "ConnectionManager.h"
+#include "LocalServer.h"
+#include "LoginViewController.h"
+#include "MainViewController.h"
+#include "ServerConfig.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using namespace ostv::test;
+
+namespace {
+
+class Product : public ::testing::Test {
+protected:
+    std::unique_ptr<LocalServer> server;
+    std::unique_ptr<AppDelegate> app;
+
+    void SetUp() override {
+        SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("e2e") + "/secrets.json");
+        ServerConfig::defaults().clear();
+        server = std::make_unique<LocalServer>(QStringList{"--agents", "2"});
+        ASSERT_TRUE(server->start()) << server->errorString().toStdString();
+        ServerConfig::setString(SettingsKey::serverHost, server->host());
+        ServerConfig::setInteger(SettingsKey::serverQuicPort, server->quicPort());
+        ServerConfig::setInteger(SettingsKey::adminServerPort, server->adminPort());
+        app = std::make_unique<AppDelegate>();
+        wireApplication(*app);
+        app->applicationDidFinishLaunching();
+    }
+    void TearDown() override {
+        ConnectionManager::shared().disconnect();
+        app.reset();
+        AdminAPIClient::shared().resetSession();
+        server.reset();
+        SecretStore::useFileStoreOnlyForTesting(false);
+    }
+
+    MainViewController* workspace() { return qobject_cast<MainViewController*>(app->currentScreen()); }
+
+    QString pageText(int64_t id) {
+        QVariant result;
+        bool done = false;
+        workspace()->terminalView->webView()->page()->runJavaScript(QStringLiteral("__terminalText(%1)").arg(id),
+                                                                   [&](const QVariant& v) { result = v; done = true; });
+        waitUntil([&] { return done; }, 5000);
+        return result.toString();
+    }
+    void typeInto(int64_t id, const QString& text) {
+        workspace()->terminalView->webView()->page()->runJavaScript(
+            QStringLiteral("bridge.termInput({data: '%1', ptyId: %2})").arg(TerminalView::escapeForScript(text)).arg(id));
+    }
+
+    void signIn() {
+        auto* login = qobject_cast<LoginViewController*>(app->currentScreen());
+        ASSERT_NE(login, nullptr);
+        login->onLoginClicked();
+        ASSERT_TRUE(waitUntil([&] { return workspace() != nullptr; }, 10000));
+        ASSERT_TRUE(waitUntil([&] { return workspace()->hostListView->hosts().size() == 2; }, 10000));
+    }
+
+    // Pairs with the first agent through the connect panel and waits for the first shell.
+    int64_t pairFirstAgent() {
+        MainViewController* w = workspace();
+        const Host host = w->hostListView->hosts().at(0);
+        w->hostListViewDidSelectHost(w->hostListView, host);
+        w->hostListViewDidDoubleClickHost(w->hostListView, host);
+        EXPECT_TRUE(w->currentConnectPanel);
+        if (!w->currentConnectPanel) return -1;
+        w->currentConnectPanel->codeField->setText("  " + host.agentCode + " ");
+        w->currentConnectPanel->onPair();
+        EXPECT_TRUE(waitUntil([&] { return w->currentConnectPanel && w->currentConnectPanel->isPaired(); }, 15000));
+        w->currentConnectPanel->onConfirm();
+        EXPECT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 1; }, 20000));
+        return w->terminalView->tabIds().isEmpty() ? -1 : w->terminalView->tabIds().first();
+    }
+};
+
+TEST_F(Product, SignInSeeAgentsPairGetAShellAndType) {
+    signIn();
+    MainViewController* w = workspace();
+    for (const Host& h : w->hostListView->hosts()) {
+        EXPECT_EQ(h.status, HostStatus::online);
+        EXPECT_EQ(h.name, "Linux");
+    }
+    const int64_t id = pairFirstAgent();
+    ASSERT_GE(id, 1);
+    EXPECT_EQ(w->statusBar->textLabel()->text(), "已连接 — Linux");
+    EXPECT_EQ(app->window()->windowTitle(), "Quorv Client - Linux");
+    const QString code = w->hostListView->hosts().at(0).agentCode;  // the list is sorted by machine id
+    EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedAgentCodes).value_or(QStringList{}), QStringList{code});
+    // The first session opens in the agent's home directory.
+    EXPECT_EQ(w->sessions().activeSessions.at(id), QDir::homePath());
+    typeInto(id, "echo ok-$((40+2))\r");
+    ASSERT_TRUE(waitUntil([&] { return pageText(id).contains("ok-42"); }, 10000)) << pageText(id).toStdString();
+    // The directory tree came from the agent.
+    ASSERT_TRUE(waitUntil([&] { return !w->resourcePanelView->directories().isEmpty(); }, 10000));
+}
+
+TEST_F(Product, LogoutDisconnectsAndReturnsToALoginScreen) {
+    signIn();
+    ASSERT_GE(pairFirstAgent(), 1);
+    app->logoutMenuItem()->trigger();
+    EXPECT_EQ(ConnectionManager::shared().state().kind, ConnectionState::Kind::disconnected);
+    EXPECT_FALSE(AdminAPIClient::shared().hasToken());
+    EXPECT_NE(qobject_cast<LoginViewController*>(app->currentScreen()), nullptr);
+}
+
+TEST_F(Product, RelayStoppedUnderALiveSessionThenPairingAgainWithoutACode) {
+    signIn();
+    const int64_t id = pairFirstAgent();
+    ASSERT_GE(id, 1);
+    QPointer<MainViewController> w = workspace();
+    ASSERT_EQ(server->stop(), 0);
+    ASSERT_TRUE(waitUntil([&] { return !w || w->statusBar->textLabel()->text() == "连接已断开"; }, 30000));
+    ASSERT_TRUE(w) << "the workspace went away while the relay was down";
+    EXPECT_TRUE(w->terminalView->tabIds().isEmpty());
+    EXPECT_TRUE(w->sessions().activeSessions.empty());
+    ASSERT_TRUE(server->restart());
+    // The restarted admin server no longer knows the old token: the next poll goes back to login.
+    ASSERT_TRUE(waitUntil([&] { return qobject_cast<LoginViewController*>(app->currentScreen()) != nullptr; }, 15000));
+    signIn();
+    w = workspace();
+    const Host host = w->hostListView->hosts().at(0);
+    w->hostListViewDidSelectHost(w->hostListView, host);
+    w->hostListViewDidDoubleClickHost(w->hostListView, host);  // paired before: no code asked
+    EXPECT_FALSE(w->currentConnectPanel);
+    ASSERT_TRUE(waitUntil([&] { return w && w->terminalView->tabIds().size() == 1; }, 20000));
+    EXPECT_EQ(w->statusBar->textLabel()->text(), "已连接 — Linux");
+}
+
+}  // namespace

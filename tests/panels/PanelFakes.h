@@ -1,0 +1,67 @@
+#pragma once
+// Stand-ins for the relay link and the agent list used by the panel tests.
+#include <QObject>
+#include <QThread>
+#include <vector>
+
+#include "HostListModel.h"
+#include "Message.h"
+#include "SessionInterfaces.h"
+
+namespace ostv::test {
+
+// A relay link that records what it is asked to send.
+class FakeLink : public QObject, public RelayLink {
+public:
+    bool connected = true;
+    std::vector<Message> sent;
+
+    bool isLinkConnected() const override { return connected; }
+    QString agentHomeDir() const override { return {}; }
+    void send(const Message& m) override { sent.push_back(m); }
+    void closePty(int64_t) override {}
+    void setReceivePaused(bool) override {}
+
+    // The "fs_op" list requests sent so far, as their paths.
+    std::vector<std::string> listedPaths() const {
+        std::vector<std::string> out;
+        for (const Message& m : sent)
+            if (m.type == "fs_op" && m.op == std::string("list")) out.push_back(m.path.value_or("<none>"));
+        return out;
+    }
+};
+
+// An agent list that answers only when the test says so.
+struct ManualFetch {
+    std::vector<HostListModel::FetchCompletion> pending;
+    int calls = 0;
+
+    HostListModel::FetchFunction function() {
+        return [this](HostListModel::FetchCompletion done) {
+            ++calls;
+            pending.push_back(std::move(done));
+        };
+    }
+    void answer(AgentFetchResult result) {
+        auto done = std::move(pending.front());
+        pending.erase(pending.begin());
+        done(std::move(result));
+    }
+};
+
+inline Host makeHost(const QString& id, const QString& machineId, const QString& agentCode,
+                     HostStatus status = HostStatus::online) {
+    Host h;
+    h.id = id;
+    h.name = "host-" + id;
+    h.machineId = machineId;
+    h.agentCode = agentCode;
+    h.status = status;
+    h.cpuLoad = "12%";
+    h.memLoad = "40%";
+    h.userCount = 1;
+    h.os = "linux";
+    return h;
+}
+
+}  // namespace ostv::test

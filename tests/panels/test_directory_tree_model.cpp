@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <QAbstractItemModelTester>
+#include <QLoggingCategory>
+
+#include "DirectoryTreeModel.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+
+namespace {
+
+DirectoryItem dir(const QString& path) {
+    DirectoryItem d;
+    d.id = QUuid::createUuid();
+    d.path = path;
+    d.name = path.section('/', -1);
+    d.isDirectory = true;
+    return d;
+}
+
+DirectoryItem file(const QString& path) {
+    DirectoryItem f = dir(path);
+    f.isDirectory = false;
+    return f;
+}
+
+QStringList names(const DirectoryTreeModel& m, const QModelIndex& parent = {}) {
+    QStringList out;
+    for (int r = 0; r < m.rowCount(parent); ++r) out << m.index(r, 0, parent).data().toString();
+    return out;
+}
+
+std::vector<std::string> asJson(const QList<DirectoryItem>& items) {
+    std::vector<std::string> out;
+    for (const DirectoryItem& i : items) out.push_back(i.toJson());
+    return out;
+}
+
+// Fails the running test on any complaint of Qt's model checker.
+class ModelChecker {
+public:
+    explicit ModelChecker(QAbstractItemModel* model)
+        : tester_(model, QAbstractItemModelTester::FailureReportingMode::Warning) {
+        previous_ = qInstallMessageHandler(&ModelChecker::handler);
+    }
+    ~ModelChecker() { qInstallMessageHandler(previous_); }
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext& ctx, const QString& msg) {
+        if (type != QtDebugMsg && ctx.category && QByteArray(ctx.category).startsWith("qt.modeltest"))
+            ADD_FAILURE() << msg.toStdString();
+    }
+    QAbstractItemModelTester tester_;
+    QtMessageHandler previous_ = nullptr;
+};
+
+}  // namespace
+
+TEST(DirectoryTreeModel, TopLevelKeepsDirectoriesOnlyInTheOrderReceived) {
+    DirectoryTreeModel m;
+    ModelChecker check(&m);
+    m.setDirectories({file("/h/z.txt"), dir("/h/src"), file("/h/a.md"), dir("/h/bin"), file("/h/Makefile")});
+    EXPECT_EQ(names(m), QStringList({"src", "bin"}));  // not sorted
+    ASSERT_EQ(m.directories().size(), 2);
+    EXPECT_FALSE(m.directories()[0].children.has_value());  // not loaded yet
+    // A directory shows an expander before anything is known of its contents.
+    EXPECT_TRUE(m.hasChildren(m.index(0, 0)));
+    EXPECT_EQ(m.rowCount(m.index(0, 0)), 0);
+}
+
+TEST(DirectoryTreeModel, ChildrenAttachAtDepthAndFilesAreDropped) {
+    DirectoryTreeModel m;
+    ModelChecker check(&m);
+    m.setDirectories({dir("/h/a"), dir("/h/b")});
+    ASSERT_TRUE(m.setChildren({dir("/h/b/x"), file("/h/b/readme"), dir("/h/b/y")}, "/h/b"));
+    ASSERT_TRUE(m.setChildren({file("/h/b/y/1.txt"), dir("/h/b/y/deep"), file("/h/b/y/2.txt")}, "/h/b/y"));
+    ASSERT_TRUE(m.setChildren({dir("/h/b/y/deep/end")}, "/h/b/y/deep"));
+
+    const QModelIndex b = m.index(1, 0);
+    EXPECT_EQ(names(m, b), QStringList({"x", "y"}));
+    const QModelIndex y = m.index(1, 0, b);
+    EXPECT_EQ(names(m, y), QStringList({"deep"}));
+    EXPECT_EQ(names(m, m.index(0, 0, y)), QStringList({"end"}));
+    EXPECT_EQ(m.indexForPath("/h/b/y/deep/end").parent().parent(), y);
+
+    const QList<DirectoryItem> tree = m.directories();
+    EXPECT_FALSE(tree[0].children.has_value());
+    ASSERT_TRUE(tree[1].children.has_value());
+    EXPECT_EQ(tree[1].children->size(), 2);
+    EXPECT_FALSE((*tree[1].children)[0].children.has_value());  // "x" still unloaded
+
+    // A listing for a path the tree does not hold (or holds only inside an unloaded node) changes nothing.
+    EXPECT_FALSE(m.setChildren({dir("/h/a/q/r")}, "/h/a/q"));
+    EXPECT_FALSE(m.setChildren({dir("/h/B/z")}, "/h/B"));  // case-sensitive
+    EXPECT_EQ(asJson(m.directories()), asJson(tree));
+}
+
+TEST(DirectoryTreeModel, RelistingANodeReplacesItsChildren) {
+    DirectoryTreeModel m;
+    ModelChecker check(&m);
+    m.setDirectories({dir("/h/a")});
+    m.setChildren({dir("/h/a/1"), dir("/h/a/2")}, "/h/a");
+    m.setChildren({dir("/h/a/1/deep")}, "/h/a/1");
+    m.setChildren({dir("/h/a/3")}, "/h/a");
+    EXPECT_EQ(names(m, m.index(0, 0)), QStringList({"3"}));
+    EXPECT_FALSE(m.indexForPath("/h/a/1/deep").isValid());
+}
+
+TEST(DirectoryTreeModel, EachDirectoryIsListedOncePerTreeFill) {
+    DirectoryTreeModel m;
+    m.setDirectories({dir("/h/a"), dir("/h/empty")});
+    const QModelIndex a = m.index(0, 0);
+    const QModelIndex empty = m.index(1, 0);
+
+    EXPECT_TRUE(m.needsListing(a));
+    m.markListingRequested(a);
+    EXPECT_FALSE(m.needsListing(a));  // asked already, answer still on its way
+
+    m.setChildren({dir("/h/a/b")}, "/h/a");
+    EXPECT_FALSE(m.needsListing(a));
+    EXPECT_TRUE(m.needsListing(m.index(0, 0, a)));
+
+    // Loaded and empty: no children, and never asked for again.
+    m.markListingRequested(empty);
+    m.setChildren({file("/h/empty/only-a-file")}, "/h/empty");
+    EXPECT_EQ(m.rowCount(empty), 0);
+    EXPECT_TRUE(m.directories()[1].children.has_value());
+    EXPECT_FALSE(m.needsListing(empty));
+
+    // A new top level forgets everything loaded below it.
+    m.setDirectories({dir("/h/a")});
+    EXPECT_TRUE(m.needsListing(m.index(0, 0)));
+}
+
+TEST(DirectoryTreeModel, AListingThatNeverCameBackMayBeAskedForAgainLater) {
+    DirectoryTreeModel m;
+    m.setListingRetryAfterMs(30);
+    m.setDirectories({dir("/h/a")});
+    const QModelIndex a = m.index(0, 0);
+    m.markListingRequested(a);
+    EXPECT_FALSE(m.needsListing(a));
+    EXPECT_TRUE(test::waitUntil([&] { return m.needsListing(a); }, 2000));
+}
+
+TEST(DirectoryTreeModel, FilesAndForeignIndexesNeverAskForListings) {
+    DirectoryTreeModel m, other;
+    DirectoryItem withFiles = dir("/h/a");
+    withFiles.children = QList<DirectoryItem>{file("/h/a/f")};
+    m.setDirectories({withFiles});
+    other.setDirectories({dir("/h/a")});
+    EXPECT_FALSE(m.needsListing(QModelIndex()));
+    EXPECT_FALSE(m.needsListing(other.index(0, 0)));
+    EXPECT_EQ(m.rowCount(m.index(0, 0)), 0);  // supplied children are filtered like listings
+    EXPECT_FALSE(m.needsListing(m.index(0, 0)));
+}

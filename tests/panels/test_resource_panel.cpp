@@ -1,0 +1,248 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QMenu>
+#include <QMessageBox>
+#include <QTimer>
+#include <QTest>
+
+#include "PanelFakes.h"
+#include "ResourcePanelView.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using ostv::test::FakeLink;
+
+namespace {
+
+DirectoryItem item(const QString& path, bool isDirectory = true) {
+    DirectoryItem d;
+    d.id = QUuid::createUuid();
+    d.path = path;
+    d.name = path.section('/', -1);
+    d.isDirectory = isDirectory;
+    return d;
+}
+
+User session(int ptyId, const QString& name, bool isSelf = true) {
+    return User{QStringLiteral("pty-%1").arg(ptyId), name, name.left(1).toUpper(), isSelf};
+}
+
+struct Launch {
+    QString title;
+    std::optional<QString> command;
+    std::optional<QString> env;
+    QString path;
+    bool operator==(const Launch&) const = default;
+};
+
+class FakeWorkspace : public QObject, public ResourcePanelViewDelegate {
+public:
+    bool connected = true;
+    int addClicks = 0;
+    QStringList clicked, edited, deleted, closed, kicked;
+    std::vector<Launch> launches;
+
+    void resourcePanelViewDidClickAddSession(ResourcePanelView*) override { ++addClicks; }
+    void resourcePanelViewDidClickSession(ResourcePanelView*, const User& u) override { clicked << u.id; }
+    void resourcePanelViewDidRequestEditSession(ResourcePanelView*, const User& u) override { edited << u.id; }
+    void resourcePanelViewDidRequestDeleteSession(ResourcePanelView*, const User& u) override { deleted << u.id; }
+    void resourcePanelViewDidRequestCloseSession(ResourcePanelView*, const User& u) override { closed << u.id; }
+    void resourcePanelViewDidClickKickSession(ResourcePanelView*, const User& u) override { kicked << u.id; }
+    bool isConnected() const override { return connected; }
+    void allocateAndCreatePty(const QString& title, const std::optional<QString>& command,
+                              const std::optional<QString>& env, const QString& path) override {
+        launches.push_back({title, command, env, path});
+    }
+};
+
+struct ResourcePanelFixture : ::testing::Test {
+    ResourcePanelView panel;
+    FakeLink link;
+    FakeWorkspace workspace;
+
+    void SetUp() override {
+        panel.setDelegate(&workspace);
+        panel.setLink(&link);
+        panel.resize(280, 600);
+        panel.show();
+        panel.setDirectories({item("/home/u/notes.txt", false), item("/home/u/src"), item("/home/u/.bashrc", false),
+                              item("/home/u/docs")});
+    }
+    QModelIndex row(const QString& path) const { return panel.treeModel()->indexForPath(path); }
+};
+
+}  // namespace
+
+TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnce) {
+    ASSERT_EQ(panel.treeModel()->rowCount(), 2);
+    const QModelIndex src = row("/home/u/src");
+
+    panel.outlineView->expand(src);
+    EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src"}));
+    // Collapsing and expanding again before the answer arrives does not ask twice.
+    panel.outlineView->collapse(src);
+    panel.outlineView->expand(src);
+    EXPECT_EQ(link.listedPaths().size(), 1u);
+
+    // The answer fills the node, which stays open; files do not appear.
+    panel.setChildren({item("/home/u/src/a"), item("/home/u/src/main.cpp", false), item("/home/u/src/b")},
+                      "/home/u/src");
+    EXPECT_TRUE(panel.outlineView->isExpanded(row("/home/u/src")));
+    EXPECT_EQ(panel.treeModel()->rowCount(row("/home/u/src")), 2);
+    EXPECT_TRUE(panel.outlineView->visualRect(row("/home/u/src/b")).isValid());
+
+    panel.outlineView->collapse(row("/home/u/src"));
+    panel.outlineView->expand(row("/home/u/src"));
+    EXPECT_EQ(link.listedPaths().size(), 1u);
+
+    // A directory that came back empty is never asked for again.
+    panel.outlineView->expand(row("/home/u/docs"));
+    panel.setChildren({}, "/home/u/docs");
+    panel.outlineView->collapse(row("/home/u/docs"));
+    panel.outlineView->expand(row("/home/u/docs"));
+    EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src", "/home/u/docs"}));
+}
+
+TEST_F(ResourcePanelFixture, NoListingWithoutLinkOrWorkspace) {
+    link.connected = false;
+    panel.outlineView->expand(row("/home/u/src"));
+    EXPECT_TRUE(link.sent.empty());
+    // Once the link is back, the next expansion asks: a skipped request does not count as asked.
+    link.connected = true;
+    panel.outlineView->collapse(row("/home/u/src"));
+    panel.outlineView->expand(row("/home/u/src"));
+    EXPECT_EQ(link.listedPaths().size(), 1u);
+
+    panel.setDelegate(nullptr);
+    panel.outlineView->expand(row("/home/u/docs"));
+    EXPECT_EQ(link.listedPaths().size(), 1u);
+}
+
+TEST_F(ResourcePanelFixture, DoubleClickTogglesADirectory) {
+    const QModelIndex src = row("/home/u/src");
+    panel.onOutlineDoubleClick(src);
+    EXPECT_TRUE(panel.outlineView->isExpanded(src));
+    panel.onOutlineDoubleClick(src);
+    EXPECT_FALSE(panel.outlineView->isExpanded(src));
+    EXPECT_EQ(link.listedPaths().size(), 1u);
+}
+
+TEST_F(ResourcePanelFixture, ToolsStartInTheClickedDirectoryOnlyWhileConnected) {
+    panel.launchClaude(row("/home/u/docs"));
+    panel.launchKimi(row("/home/u/src"));
+    ASSERT_EQ(workspace.launches.size(), 2u);
+    EXPECT_EQ(workspace.launches[0], (Launch{"Claude", QString("claude"), std::nullopt, "/home/u/docs"}));
+    EXPECT_EQ(workspace.launches[1], (Launch{"Kimi", QString("kimi"), std::nullopt, "/home/u/src"}));
+
+    // Right-click below the last row: no menu, nothing started.
+    EXPECT_EQ(panel.makeTreeMenu(QModelIndex(), &panel), nullptr);
+    panel.launchClaude(QModelIndex());
+    workspace.connected = false;
+    panel.launchClaude(row("/home/u/docs"));
+    EXPECT_EQ(workspace.launches.size(), 2u);
+
+    // The menu of a row holds the two tools in order and starts the chosen one.
+    workspace.connected = true;
+    std::unique_ptr<QMenu> menu(panel.makeTreeMenu(row("/home/u/src"), &panel));
+    ASSERT_TRUE(menu);
+    ASSERT_EQ(menu->actions().size(), 2);
+    EXPECT_EQ(menu->actions()[0]->text(), "🚀 在此目录启动 Kimi");
+    EXPECT_EQ(menu->actions()[1]->text(), "🤖 在此目录启动 Claude");
+    menu->actions()[1]->trigger();
+    ASSERT_EQ(workspace.launches.size(), 3u);
+    EXPECT_EQ(workspace.launches[2], (Launch{"Claude", QString("claude"), std::nullopt, "/home/u/src"}));
+}
+
+TEST_F(ResourcePanelFixture, SessionRowsHeaderAndHighlight) {
+    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (0/8)");
+    EXPECT_EQ(panel.addSessionButton->text(), "+  添加新的本机会话");
+    panel.setUsers({session(1, "api"), session(2, "web"), session(13, "ops", false)}, 8);
+    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (3/8)");
+    ASSERT_EQ(panel.userCells().size(), 3);
+
+    panel.highlightSession(13);
+    QList<bool> active;
+    for (UserCell* c : panel.userCells()) active << c->isActiveSession();
+    EXPECT_EQ(active, QList<bool>({false, false, true}));  // 13 is not mistaken for 1
+    EXPECT_EQ(panel.activePtyId(), 13);
+
+    // The highlight survives a rebuild of the rows.
+    panel.addUser(session(4, "db"));
+    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (4/8)");
+    active.clear();
+    for (UserCell* c : panel.userCells()) active << c->isActiveSession();
+    EXPECT_EQ(active, QList<bool>({false, false, true, false}));
+
+    QTest::mouseClick(panel.addSessionButton, Qt::LeftButton);
+    EXPECT_EQ(workspace.addClicks, 1);
+}
+
+TEST_F(ResourcePanelFixture, RowClicksAndMenuReachTheWorkspace) {
+    panel.setUsers({session(1, "api"), session(2, "web")}, 8);
+    UserCell* web = panel.userCells()[1];
+    QTest::mouseClick(web, Qt::LeftButton);
+    EXPECT_EQ(workspace.clicked, QStringList({"pty-2"}));
+    web->kickButton->click();
+    EXPECT_EQ(workspace.kicked, QStringList({"pty-2"}));
+
+    std::unique_ptr<QMenu> menu(web->makeContextMenu(&panel));
+    QList<QAction*> items;
+    for (QAction* a : menu->actions())
+        if (!a->isSeparator()) items << a;
+    ASSERT_EQ(items.size(), 3);
+    EXPECT_TRUE(menu->actions()[1]->isSeparator());
+    EXPECT_EQ(items[0]->text(), "⚙ 编辑环境变量…");
+    EXPECT_EQ(items[1]->text(), "✕ 关闭会话");
+    EXPECT_EQ(items[2]->text(), "🗑 删除会话（含环境变量）");
+
+    items[0]->trigger();
+    items[1]->trigger();
+    // The rows are rebuilt before the queued choices run: they still arrive.
+    panel.setUsers({session(1, "api"), session(2, "web")}, 8);
+    ASSERT_TRUE(test::waitUntil([&] { return !workspace.closed.isEmpty(); }));
+    EXPECT_EQ(workspace.edited, QStringList({"pty-2"}));
+    EXPECT_EQ(workspace.closed, QStringList({"pty-2"}));
+}
+
+TEST_F(ResourcePanelFixture, DeleteGoesThroughOnlyWhenConfirmed) {
+    panel.setUsers({session(1, "api"), session(2, "web")}, 8);
+    auto saved = UserCell::deleteConfirmation();
+    int asked = 0;
+    bool answer = false;
+    UserCell::deleteConfirmation() = [&](QWidget*) {
+        ++asked;
+        return answer;
+    };
+    panel.userCells()[0]->confirmAndDelete();
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(workspace.deleted.isEmpty());
+    answer = true;
+    std::unique_ptr<QMenu> menu(panel.userCells()[0]->makeContextMenu(&panel));
+    menu->actions().last()->trigger();
+    EXPECT_TRUE(test::waitUntil([&] { return !workspace.deleted.isEmpty(); }));
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(workspace.deleted, QStringList({"pty-1"}));
+    UserCell::deleteConfirmation() = saved;
+}
+
+TEST(UserCellDialog, TheWarningAsksWithItsOwnButtons) {
+    // Drives the real dialog: "取消" keeps the session, "删除" lets it go.
+    for (const QString& press : {QStringLiteral("取消"), QStringLiteral("删除")}) {
+        QWidget host;
+        host.show();
+        QString message, info;
+        QTimer::singleShot(50, [&] {
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            ASSERT_NE(box, nullptr);
+            message = box->text();
+            info = box->informativeText();
+            for (QAbstractButton* b : box->buttons())
+                if (b->text() == press) b->click();
+        });
+        const bool confirmed = UserCell::deleteConfirmation()(&host);
+        EXPECT_EQ(confirmed, press == "删除");
+        EXPECT_EQ(message, "确认删除会话？");
+        EXPECT_EQ(info, "将关闭终端并清除保存的环境变量配置，此操作不可撤销。");
+    }
+}
