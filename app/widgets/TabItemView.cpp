@@ -1,5 +1,7 @@
 #include "TabItemView.h"
 
+#include <algorithm>
+
 #include <QEnterEvent>
 #include <QGraphicsOpacityEffect>
 #include <QHBoxLayout>
@@ -24,7 +26,7 @@ TabItemView::TabItemView(int64_t ptyId, const QString& title, QWidget* parent) :
     titleLabel_->setFont(f);
     titleLabel_->setTextFormat(Qt::PlainText);
     titleLabel_->setMinimumWidth(0);
-    titleLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);  // tabs share the width
+    titleLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);  // may shrink: tabs share the width
 
     closeButton_ = new QToolButton(this);
     closeButton_->setText(QStringLiteral("✕"));
@@ -48,8 +50,17 @@ TabItemView::TabItemView(int64_t ptyId, const QString& title, QWidget* parent) :
     applyStyle();
 }
 
+QSize TabItemView::sizeHint() const {
+    if (!titleLabel_) return {60, 26};  // asked during construction
+    const int text = titleLabel_->fontMetrics().horizontalAdvance(titleLabel_->text());
+    return {std::clamp(text + 10 + 4 + 16 + 12, 60, 200), 26};
+}
+
 QString TabItemView::title() const { return titleLabel_->text(); }
-void TabItemView::setTitle(const QString& title) { titleLabel_->setText(title); }
+void TabItemView::setTitle(const QString& title) {
+    titleLabel_->setText(title);
+    updateGeometry();
+}
 
 void TabItemView::setState(State s) {
     currentState_ = s;

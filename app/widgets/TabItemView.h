@@ -31,6 +31,7 @@ public:
     bool closeButtonShown() const { return closeShown_; }
     QToolButton* closeButton() const { return closeButton_; }
     void applyStyle();
+    QSize sizeHint() const override;  // wide enough for the title, within 60..200
 
 protected:
     void paintEvent(QPaintEvent*) override;
@@ -43,9 +44,9 @@ private:
     void setCloseShown(bool shown);
 
     int64_t ptyId_;
-    QLabel* titleLabel_;
-    QToolButton* closeButton_;
-    QGraphicsOpacityEffect* closeOpacity_;
+    QLabel* titleLabel_ = nullptr;
+    QToolButton* closeButton_ = nullptr;
+    QGraphicsOpacityEffect* closeOpacity_ = nullptr;
     QPointer<QPropertyAnimation> fade_;
     State currentState_ = State::inactive;
     bool isHovered_ = false;

@@ -57,8 +57,18 @@ protected:
         return result.toString();
     }
     void typeInto(int64_t id, const QString& text) {
+        ASSERT_TRUE(waitUntil([&] { return workspace()->terminalView->isWebViewReady; }, 30000));
         workspace()->terminalView->webView()->page()->runJavaScript(
             QStringLiteral("bridge.termInput({data: '%1', ptyId: %2})").arg(TerminalView::escapeForScript(text)).arg(id));
+    }
+
+    // With OSTV_E2E_SHOTS set to a folder, the window is saved there as PNG at the named moment.
+    void shot(const QString& name) {
+        const QString dir = qEnvironmentVariable("OSTV_E2E_SHOTS");
+        if (dir.isEmpty()) return;
+        QDir().mkpath(dir);
+        spin(800);
+        app->window()->grab().save(dir + "/" + name + ".png");
     }
 
     void signIn() {
@@ -105,6 +115,10 @@ TEST_F(Product, SignInSeeAgentsPairGetAShellAndType) {
     ASSERT_TRUE(waitUntil([&] { return pageText(id).contains("ok-42"); }, 10000)) << pageText(id).toStdString();
     // The directory tree came from the agent.
     ASSERT_TRUE(waitUntil([&] { return !w->resourcePanelView->directories().isEmpty(); }, 10000));
+    w->sessions().allocateAndCreatePty("tmp", std::nullopt, std::nullopt, "/tmp");
+    ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
+    typeInto(w->terminalView->tabIds().last(), "ls -la / | head -20\r");
+    shot("workspace");
 }
 
 TEST_F(Product, LogoutDisconnectsAndReturnsToALoginScreen) {
