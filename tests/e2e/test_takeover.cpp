@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include <QMessageBox>
+
+#include "ClientIdentity.h"
+#include "ConnectionManager.h"
+#include "FrozenOverlay.h"
+#include "LocalServer.h"
+#include "MainViewController.h"
+#include "ServerConfig.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using namespace ostv::test;
+
+// Two workspaces on one agent that takes one controller: the second gets the chooser, and its takeover
+// pushes the first out.
+TEST(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
+    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("takeover") + "/secrets.json");
+    ServerConfig::defaults().clear();
+    LocalServer server(QStringList{"--agents", "1", "--limit", "1"});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    ServerConfig::setString(SettingsKey::serverHost, server.host());
+    ServerConfig::setInteger(SettingsKey::serverQuicPort, server.quicPort());
+    ServerConfig::setInteger(SettingsKey::adminServerPort, server.adminPort());
+    const QString code = server.code(0);
+
+    ConnectionManager linkA, linkB;
+    MainViewController first(&linkA), second(&linkB);
+    first.resize(1200, 800);
+    second.resize(1200, 800);
+
+    first.sessions().pendingAutoCreate = true;
+    first.connectPanelDidRequestPairWithCode(nullptr, code, "alice");
+    first.sessions().pendingAutoCreate = true;  // the pairing request resets the link state
+    ASSERT_TRUE(waitUntil([&] { return first.terminalView->tabIds().size() == 1; }, 20000));
+
+    second.connectPanelDidRequestPairWithCode(nullptr, code, "bob");
+    ASSERT_TRUE(waitUntil([&] { return second.controllerChooser != nullptr; }, 10000));
+    EXPECT_EQ(linkB.state().kind, ConnectionState::Kind::selecting);
+    EXPECT_EQ(second.controllerChooser->titleLabel->text(), "选择会话 (1/1 controllers)");
+    ASSERT_EQ(second.controllerChooser->controllers().size(), 1u);
+    EXPECT_EQ(second.controllerChooser->controllers()[0].nickname, "alice");
+    EXPECT_FALSE(second.controllerChooser->takeoverButton->isEnabled());
+    second.controllerChooser->tableView->setCurrentRow(0);
+    second.controllerChooser->onTakeover();
+
+    ASSERT_TRUE(waitUntil([&] { return linkB.state().isConnected(); }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
+    EXPECT_TRUE(first.terminalView->tabIds().isEmpty());
+    EXPECT_FALSE(first.terminalView->frozenOverlay()->isHidden());
+    EXPECT_EQ(first.statusBar->textLabel()->text(), "连接已断开");
+    auto* alert = first.findChild<QMessageBox*>("connectionErrorAlert");
+    ASSERT_NE(alert, nullptr);
+    EXPECT_TRUE(alert->informativeText().endsWith(" (by bob)")) << alert->informativeText().toStdString();
+    linkA.disconnect();
+    linkB.disconnect();
+    SecretStore::useFileStoreOnlyForTesting(false);
+}
