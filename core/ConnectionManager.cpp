@@ -1,6 +1,7 @@
 #include "ConnectionManager.h"
 
 #include <QCoreApplication>
+#include <QStringDecoder>
 #include <chrono>
 #include <limits>
 
@@ -11,6 +12,12 @@
 namespace ostv {
 
 namespace {
+bool isValidUtf8(std::string_view bytes) {
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    (void)decoder.decode(QByteArrayView(bytes.data(), static_cast<qsizetype>(bytes.size())));
+    return !decoder.hasError();
+}
+
 int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -65,14 +72,17 @@ void ConnectionManager::connect(const Host&, const std::string& code, std::optio
         if (auto* d = delegate_.get()) d->connectionManagerDidReceiveError(this, "Connection failed: invalid relay port " + std::to_string(port));
         return;
     }
+    // The previous transport is dropped first: its thread has ended before the buffer starts over.
+    quicTransport_.reset();
     ++generation_;
     receiveBuffer_.clear();
-    awaitingDispatch_ = 0;
-    backlogPaused_ = false;
     quicTransport_ = std::make_unique<QUICTransport>(host, static_cast<quint16>(port), QString::fromStdString("ctrl-" + code));
     quicTransport_->setDelegate(this);
+    {
+        std::lock_guard lock(pauseMutex_);
+        applyReadPause(quicTransport_.get());
+    }
     quicTransport_->connect();
-    if (uiPaused_) quicTransport_->setReadPaused(true);
     Logger::info("Connecting with code: " + code);
 }
 
@@ -130,12 +140,12 @@ void ConnectionManager::quicTransportDidEncounterError(QUICTransport*, const QUI
     if (auto* d = delegate_.get()) d->connectionManagerDidReceiveError(this, error.description().toStdString());
 }
 
-void ConnectionManager::quicTransportDidReceiveData(QUICTransport*, std::string_view chunk) {
+void ConnectionManager::quicTransportDidReceiveData(QUICTransport* t, std::string_view chunk) {
     const uint64_t gen = generation_.load();
-    receiveBuffer_.feed(chunk, [this, gen](std::string_view line) { lineReceived(gen, line); });
+    receiveBuffer_.feed(chunk, [this, t, gen](std::string_view line) { lineReceived(t, gen, line); });
 }
 
-void ConnectionManager::lineReceived(uint64_t gen, std::string_view line) {
+void ConnectionManager::lineReceived(QUICTransport* t, uint64_t gen, std::string_view line) {
     auto parsed = ReceivedLine::parse(line);
     if (!parsed) {
         Logger::error("Decode error: " + parsed.error());
@@ -144,15 +154,26 @@ void ConnectionManager::lineReceived(uint64_t gen, std::string_view line) {
     ReceivedLine& received = parsed.value();
     auto sniff = received.sniff();
     const size_t cost = line.size();
-    auto post = [this, gen, cost](auto fn) {
-        // Bounded hand-off: past a few MiB waiting for the main thread, reading pauses until it catches up.
-        if (awaitingDispatch_.fetch_add(cost) + cost > kMaxAwaitingDispatch && !backlogPaused_.exchange(true))
-            QMetaObject::invokeMethod(this, [this] { applyReadPause(); }, Qt::QueuedConnection);
+    auto post = [this, t, gen, cost](auto fn) {
+        // Bounded hand-off: past a few MiB waiting for the main thread, reading pauses (here, at once: the
+        // main thread may be the one that is stuck) until the main thread has caught up to half of that.
+        if (awaitingDispatch_.fetch_add(cost) + cost > kMaxAwaitingDispatch) {
+            std::lock_guard lock(pauseMutex_);
+            if (!backlogPaused_ && awaitingDispatch_.load() > kMaxAwaitingDispatch) {
+                backlogPaused_ = true;
+                applyReadPause(t);
+            }
+        }
         QMetaObject::invokeMethod(
             this,
             [this, gen, cost, fn = std::move(fn)]() mutable {
-                if (awaitingDispatch_.fetch_sub(cost) - cost < kMaxAwaitingDispatch / 2 && backlogPaused_.exchange(false))
-                    applyReadPause();
+                if (awaitingDispatch_.fetch_sub(cost) - cost < kMaxAwaitingDispatch / 2) {
+                    std::lock_guard lock(pauseMutex_);
+                    if (backlogPaused_ && awaitingDispatch_.load() < kMaxAwaitingDispatch / 2) {
+                        backlogPaused_ = false;
+                        applyReadPause(quicTransport_.get());
+                    }
+                }
                 if (gen != generation_.load()) return;  // from an attempt that has since been replaced
                 fn();
             },
@@ -161,7 +182,7 @@ void ConnectionManager::lineReceived(uint64_t gen, std::string_view line) {
     if (sniff && sniff->type == "PTY_LIST") {
         auto env = received.takePtyList();
         if (!env) {
-            Logger::error("PTY_LIST decode failed, raw: " + std::string(line));
+            Logger::error("PTY_LIST decode failed, raw: " + (isValidUtf8(line) ? std::string(line) : std::string("?")));
             return;
         }
         post([this, ptys = toPtyInfos(env.value())] {
@@ -183,13 +204,15 @@ void ConnectionManager::lineReceived(uint64_t gen, std::string_view line) {
     post([this, msg = std::move(m).value()]() mutable { dispatch(std::move(msg)); });
 }
 
-void ConnectionManager::applyReadPause() {
-    if (quicTransport_) quicTransport_->setReadPaused(uiPaused_ || backlogPaused_.load());
+// Called with pauseMutex_ held, so the last value handed to the transport is always the current one.
+void ConnectionManager::applyReadPause(QUICTransport* t) {
+    if (t) t->setReadPaused(uiPaused_ || backlogPaused_);
 }
 
 void ConnectionManager::setReceivePaused(bool paused) {
+    std::lock_guard lock(pauseMutex_);
     uiPaused_ = paused;
-    applyReadPause();
+    applyReadPause(quicTransport_.get());
 }
 
 void ConnectionManager::dispatch(Message m) {

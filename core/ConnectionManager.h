@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -106,8 +107,8 @@ private:
     void handleFsResult(const FSResultEnvelope& env);
     void startPingTimer();
     void onPingTick();
-    void applyReadPause();
-    void lineReceived(uint64_t generation, std::string_view line);
+    void applyReadPause(QUICTransport* t);
+    void lineReceived(QUICTransport* t, uint64_t generation, std::string_view line);
 
     WeakDelegate<ConnectionManagerDelegate> delegate_;
     WeakDelegate<DirectoryResultConsumer> directoryConsumer_;
@@ -120,8 +121,11 @@ private:
     QTimer pingTimer_;
     int pingCount_ = 0;
     int pingIntervalMs_ = 3000;
+    // Bytes of decoded messages posted to the main thread and not yet dispatched. Kept across attempts:
+    // every posted message takes its cost back when it runs, current or not.
     std::atomic<size_t> awaitingDispatch_{0};
-    std::atomic<bool> backlogPaused_{false};
+    std::mutex pauseMutex_;  // orders the pause decisions made on the two threads
+    bool backlogPaused_ = false;
     bool uiPaused_ = false;
 };
 

@@ -8,6 +8,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "Logger.h"
 #include "MainThread.h"
@@ -50,18 +51,7 @@ public:
         transport_->setState({QUICTransportState::Kind::preparing, {}});
         Logger::connection("State: preparing");
         std::string error;
-        if (!openSocket(error)) {
-            failed(QString::fromStdString(error));
-            return;
-        }
-        engine_ = std::make_unique<QuicEngine>(hooks());
-        sockaddr_storage local{};
-        socklen_t localLen = sizeof local;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&local), &localLen);
-        const std::string sni = transport_->sni_ ? transport_->sni_->toStdString() : std::string();
-        if (!engine_->startClient(reinterpret_cast<sockaddr*>(&local), localLen, reinterpret_cast<sockaddr*>(&remote_),
-                                  remoteLen_, sni, error) && !engine_->isClosed())
-            failed(QString::fromStdString(error));
+        if (!resolve(error) || !dial(error)) failed(QString::fromStdString(error));
     }
 
     void send(std::string data, std::function<void(std::optional<QUICTransportError>)> completion) {
@@ -73,8 +63,8 @@ public:
         if (completion) completion(std::nullopt);
     }
 
-    void setReadPaused(bool paused) {
-        if (engine_) engine_->setReadPaused(paused);
+    void applyReadPause() {
+        if (engine_) engine_->setReadPaused(transport_->readPauseWanted_.load());
     }
 
     void shutdown() {
@@ -141,7 +131,8 @@ private:
         timer_.stop();
     }
 
-    bool openSocket(std::string& error) {
+    // Every address the relay's name resolves to, in the resolver's order of preference.
+    bool resolve(std::string& error) {
         addrinfo hints{};
         hints.ai_family = AF_UNSPEC;
         hints.ai_socktype = SOCK_DGRAM;
@@ -154,19 +145,27 @@ private:
             return false;
         }
         for (addrinfo* ai = res; ai; ai = ai->ai_next) {
-            fd_ = ::socket(ai->ai_family, ai->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai->ai_protocol);
-            if (fd_ < 0) continue;
-            if (::connect(fd_, ai->ai_addr, ai->ai_addrlen) == 0) {
-                std::memcpy(&remote_, ai->ai_addr, ai->ai_addrlen);
-                remoteLen_ = ai->ai_addrlen;
-                break;
-            }
-            ::close(fd_);
-            fd_ = -1;
+            if (ai->ai_addrlen > sizeof(sockaddr_storage)) continue;
+            Candidate c;
+            std::memcpy(&c.addr, ai->ai_addr, ai->ai_addrlen);
+            c.len = ai->ai_addrlen;
+            candidates_.push_back(c);
         }
         freeaddrinfo(res);
-        if (fd_ < 0) {
-            error = std::string("cannot open a UDP socket to ") + host + ": " + std::strerror(errno);
+        if (candidates_.empty()) {
+            error = "no usable address for " + host;
+            return false;
+        }
+        return true;
+    }
+
+    // Opens a UDP socket to the current candidate address and starts the handshake over it.
+    bool dial(std::string& error) {
+        closeSocket();
+        const Candidate& c = candidates_[candidate_];
+        fd_ = ::socket(c.addr.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&c.addr), c.len) != 0) {
+            error = std::string("cannot open a UDP socket to ") + transport_->host_.toStdString() + ": " + std::strerror(errno);
             return false;
         }
         const int size = 4 * 1024 * 1024;
@@ -174,12 +173,35 @@ private:
         setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
         notifier_ = new QSocketNotifier(fd_, QSocketNotifier::Read, this);
         QObject::connect(notifier_, &QSocketNotifier::activated, this, [this] { readAll(); });
-        timer_.setSingleShot(true);
-        timer_.setTimerType(Qt::PreciseTimer);
-        QObject::connect(&timer_, &QTimer::timeout, this, [this] {
-            if (engine_) engine_->onTimer();
-        });
+        if (!timerReady_) {
+            timerReady_ = true;
+            timer_.setSingleShot(true);
+            timer_.setTimerType(Qt::PreciseTimer);
+            QObject::connect(&timer_, &QTimer::timeout, this, [this] {
+                if (engine_) engine_->onTimer();
+            });
+        }
+        engine_ = std::make_unique<QuicEngine>(hooks());
+        applyReadPause();
+        sockaddr_storage local{};
+        socklen_t localLen = sizeof local;
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&local), &localLen);
+        const std::string sni = transport_->sni_ ? transport_->sni_->toStdString() : std::string();
+        if (!engine_->startClient(reinterpret_cast<sockaddr*>(&local), localLen, reinterpret_cast<const sockaddr*>(&c.addr),
+                                  c.len, sni, error) && !engine_->isClosed())
+            return false;
         return true;
+    }
+
+    void closeSocket() {
+        if (notifier_) {
+            // May be inside this notifier's own signal: it goes once control is back in the loop.
+            notifier_->setEnabled(false);
+            notifier_->deleteLater();
+            notifier_ = nullptr;
+        }
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
     }
 
     void readAll() {
@@ -197,6 +219,11 @@ private:
             if (engine_->isEstablished()) {
                 // Nobody listens there any more: the relay went away.
                 engine_->close(0, "Connection refused: the relay is not running");
+            } else if (candidate_ + 1 < candidates_.size()) {
+                // Nothing listens at this address (say ::1 for "localhost"): try the next one.
+                ++candidate_;
+                std::string error;
+                if (!dial(error)) failed(QString::fromStdString(error));
             } else if (transport_->state().kind != QUICTransportState::Kind::waiting) {
                 transport_->setState({QUICTransportState::Kind::waiting, QStringLiteral("Connection refused")});
                 Logger::connection("State: waiting - Connection refused");
@@ -205,9 +232,14 @@ private:
     }
 
     QUICTransport* transport_;
+    struct Candidate {
+        sockaddr_storage addr{};
+        socklen_t len = 0;
+    };
+    std::vector<Candidate> candidates_;
+    size_t candidate_ = 0;
+    bool timerReady_ = false;
     int fd_ = -1;
-    sockaddr_storage remote_{};
-    socklen_t remoteLen_ = 0;
     QSocketNotifier* notifier_ = nullptr;
     QTimer timer_{this};
     std::unique_ptr<QuicEngine> engine_;
@@ -294,9 +326,13 @@ void QUICTransport::disconnect() {
 }
 
 void QUICTransport::setReadPaused(bool paused) {
-    if (!worker_) return;
+    readPauseWanted_ = paused;
     QuicClientWorker* worker = worker_;
-    QMetaObject::invokeMethod(worker, [worker, paused] { worker->setReadPaused(paused); }, Qt::QueuedConnection);
+    if (!worker) return;  // connect() applies it to the engine it makes
+    if (QThread::currentThread() == thread_)
+        worker->applyReadPause();
+    else
+        QMetaObject::invokeMethod(worker, [worker] { worker->applyReadPause(); }, Qt::QueuedConnection);
 }
 
 }  // namespace ostv

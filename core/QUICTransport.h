@@ -60,6 +60,8 @@ public:
     void send(std::string data, std::function<void(std::optional<QUICTransportError>)> completion = {});
     void disconnect();  // orderly close; the delegate is not notified
     // Back-pressure: while paused the peer gets no new flow-control credit and soon stops sending.
+    // From any thread; the last value set wins. On the transport thread (inside a data callback) it
+    // takes effect at once, so a reader that falls behind stops the very next credit update.
     void setReadPaused(bool paused);
 
     QUICTransportState state() const;
@@ -80,6 +82,7 @@ private:
     QUICTransportState state_;
     std::atomic<bool> isCancelled_{false};
     std::atomic<bool> ready_{false};
+    std::atomic<bool> readPauseWanted_{false};
     QThread* thread_ = nullptr;
     QuicClientWorker* worker_ = nullptr;
 };

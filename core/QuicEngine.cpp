@@ -206,7 +206,10 @@ void QuicEngine::receivePacket(const uint8_t* data, size_t len) {
     if (closed_) return;
     ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};
     ngtcp2_pkt_info pi{};
+    inCallback_ = true;
     const int rv = ngtcp2_conn_read_pkt(conn_, &path, &pi, data, len, quicTimestamp());
+    inCallback_ = false;
+    if (closed_) return;
     if (rv != 0) {
         if (rv == NGTCP2_ERR_DRAINING) {
             fail("connection closed by peer", true);
@@ -225,6 +228,15 @@ void QuicEngine::receivePacket(const uint8_t* data, size_t len) {
             if (n > 0 && hooks_.sendDatagram) hooks_.sendDatagram(buf, static_cast<size_t>(n));
             fail(std::string("QUIC error: ") + ngtcp2_strerror(rv), false);
         }
+        return;
+    }
+    finishCallbacks();
+}
+
+void QuicEngine::finishCallbacks() {
+    if (closeRequested_) {
+        closeRequested_ = false;
+        close(requestedCode_, requestedReason_);
         return;
     }
     flush();
@@ -247,7 +259,7 @@ void QuicEngine::send(std::string bytes) {
     queuedEnd_ += bytes.size();
     chunks_.push_back(std::move(bytes));
     if (pendingBytes() >= lowWatermark) wasAboveLowMark_ = true;
-    if (established_) flush();
+    if (established_ && !inCallback_) flush();
 }
 
 void QuicEngine::setReadPaused(bool paused) {
@@ -257,12 +269,18 @@ void QuicEngine::setReadPaused(bool paused) {
         ngtcp2_conn_extend_max_stream_offset(conn_, streamId_, heldCredit_);
         ngtcp2_conn_extend_max_offset(conn_, heldCredit_);
         heldCredit_ = 0;
-        flush();  // tell the peer at once
+        if (!inCallback_) flush();  // tell the peer at once
     }
 }
 
 void QuicEngine::close(uint64_t appErrorCode, const std::string& reason) {
     if (closed_ || !conn_) return;
+    if (inCallback_) {
+        closeRequested_ = true;
+        requestedCode_ = appErrorCode;
+        requestedReason_ = reason;
+        return;
+    }
     if (!ngtcp2_conn_is_in_closing_period(conn_) && !ngtcp2_conn_is_in_draining_period(conn_)) {
         ngtcp2_connection_close_error ccerr;
         ngtcp2_connection_close_error_default(&ccerr);
@@ -288,6 +306,8 @@ int QuicEngine::onStreamData(int64_t streamId, uint32_t, const uint8_t* data, si
         if (streamId_ < 0 && server_) streamId_ = streamId;  // the client's stream, first data on it
         else return 0;                                       // any other stream is ignored
     }
+    maybeAnnounce();
+    if (closed_ || closeRequested_) return 0;
     if (len > 0 && hooks_.streamData) hooks_.streamData(reinterpret_cast<const char*>(data), len);
     if (closed_) return 0;
     if (readPaused_) {
@@ -315,8 +335,17 @@ int QuicEngine::onAcked(int64_t streamId, uint64_t offset, uint64_t len) {
 }
 
 int QuicEngine::onStreamOpen(int64_t streamId) {
-    if (server_ && streamId_ < 0) streamId_ = streamId;
+    if (server_ && streamId_ < 0) {
+        streamId_ = streamId;
+        maybeAnnounce();
+    }
     return 0;
+}
+
+void QuicEngine::maybeAnnounce() {
+    if (announced_ || !established_ || streamId_ < 0 || closed_) return;
+    announced_ = true;
+    if (hooks_.established) hooks_.established();
 }
 
 int QuicEngine::onHandshakeCompleted() {
@@ -332,7 +361,7 @@ int QuicEngine::onHandshakeCompleted() {
         streamId_ = id;
     }
     established_ = true;
-    if (hooks_.established) hooks_.established();
+    maybeAnnounce();
     return 0;
 }
 
@@ -398,7 +427,9 @@ void QuicEngine::armTimer() {
         return;
     }
     const uint64_t now = quicTimestamp();
-    hooks_.armTimer(expiry <= now ? 0 : static_cast<int64_t>((expiry - now + 999999) / 1000000));
+    // Rounded down: an expiry microseconds away (pacing, acknowledgement delay) is handled on the next
+    // turn of the event loop instead of a whole millisecond later. Early calls do nothing harmful.
+    hooks_.armTimer(expiry <= now ? 0 : static_cast<int64_t>((expiry - now) / 1000000));
 }
 
 }  // namespace ostv

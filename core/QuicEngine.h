@@ -25,7 +25,9 @@ public:
     struct Hooks {
         std::function<void(const uint8_t*, size_t)> sendDatagram;
         std::function<void(const char*, size_t)> streamData;       // bytes received on the stream
-        std::function<void()> established;                           // handshake done, stream usable
+        // Handshake done and the stream usable: at once on a client; on a server once the client's stream
+        // has opened too (the client speaks first), before its first bytes are delivered.
+        std::function<void()> established;
         std::function<void(const std::string& why, bool byPeer)> closed;  // once; the engine is dead after
         std::function<void()> drained;                               // pendingBytes() fell under the low mark
         std::function<void(int64_t delayMs)> armTimer;               // -1: no timer needed
@@ -87,7 +89,16 @@ private:
     bool server_ = false;
     bool established_ = false;
     bool closed_ = false;
+    void maybeAnnounce();
+    void finishCallbacks();
+
+    // True while ngtcp2 is calling back into this engine: writing then would re-enter ngtcp2, so sends
+    // and closes asked for by the hooks wait until the call returns.
     bool inCallback_ = false;
+    bool announced_ = false;
+    bool closeRequested_ = false;
+    uint64_t requestedCode_ = 0;
+    std::string requestedReason_;
     int64_t streamId_ = -1;
     std::string serverName_;
 

@@ -175,6 +175,7 @@ bool Agent::kick(const std::string& controllerId, const std::string& by, std::st
     Message left("controller_left");
     left.id = s->id;
     broadcast(left, {});
+    forgetClientIfIdle(s->clientId);
     recheckFlow();
     return true;
 }
@@ -195,6 +196,7 @@ void Agent::release(const std::string& controllerId) {
     Message left("controller_left");
     left.id = s->id;
     broadcast(left, {});
+    forgetClientIfIdle(s->clientId);
     recheckFlow();
 }
 
@@ -212,18 +214,31 @@ QString Agent::expandPath(const std::string& path) const {
 
 void Agent::bind(Seat& s, const std::string& clientId) {
     if (s.clientId == clientId) return;
-    if (!s.clientId.empty())
+    const std::string previous = s.clientId;
+    if (!previous.empty())
         Logger::connection("agent " + config_.code + ": controller " + s.id + " now speaks for client " + clientId +
-                           " instead of " + s.clientId);
+                           " instead of " + previous);
     s.clientId = clientId;
+    if (!previous.empty()) forgetClientIfIdle(previous);
     s.bindSeq = nextSeq_++;
     lastControllerOfClient_[clientId] = s.id;
+    lastNicknameOfClient_[clientId] = s.nickname;
     flushBacklogs(s);
     recheckFlow();
 }
 
 bool Agent::clientHasSeat(const std::string& clientId) const {
     return std::any_of(seats_.begin(), seats_.end(), [&](const auto& s) { return s->clientId == clientId; });
+}
+
+// What is remembered about a client (its last controller and nickname) is kept while it has a seat
+// or a shell, so that a controller can make up client ids without making this grow.
+void Agent::forgetClientIfIdle(const std::string& clientId) {
+    if (clientId.empty() || clientHasSeat(clientId)) return;
+    for (const auto& [key, p] : ptys_)
+        if (key.first == clientId) return;
+    lastControllerOfClient_.erase(clientId);
+    lastNicknameOfClient_.erase(clientId);
 }
 
 std::vector<Agent::Seat*> Agent::seatsOf(const std::string& clientId) {
@@ -260,13 +275,18 @@ Agent::Pty* Agent::foreignPty(const Seat& s, int64_t ptyId) {
     for (auto& [key, p] : ptys_)
         if (key.second == ptyId && key.first != s.clientId) candidates.push_back(p.get());
     if (candidates.size() == 1) return candidates.front();
-    Pty* orphan = nullptr;
-    for (Pty* p : candidates) {
-        if (clientHasSeat(p->clientId)) continue;
-        if (orphan) return nullptr;  // ambiguous
-        orphan = p;
+    std::vector<Pty*> orphans;
+    for (Pty* p : candidates)
+        if (!clientHasSeat(p->clientId)) orphans.push_back(p);
+    if (orphans.size() == 1) return orphans.front();
+    Pty* sameUser = nullptr;
+    for (Pty* p : orphans) {
+        auto it = lastNicknameOfClient_.find(p->clientId);
+        if (it == lastNicknameOfClient_.end() || it->second != s.nickname) continue;
+        if (sameUser) return nullptr;  // still ambiguous
+        sameUser = p;
     }
-    return orphan;
+    return sameUser;
 }
 
 Agent::Pty* Agent::resolveForUse(Seat& s, int64_t ptyId) {
@@ -491,6 +511,7 @@ std::unique_ptr<Agent::Pty> Agent::takePty(const PtyKey& key) {
     resumeInputWriters(*p);
     for (auto& s : seats_)
         if (s->clientId == key.first && s->lastPty == key.second) s->lastPty.reset();
+    forgetClientIfIdle(key.first);
     return p;
 }
 

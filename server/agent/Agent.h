@@ -17,7 +17,10 @@
 //   3. Otherwise (an unbound seat, or "CLOSE_PTY", which is how a controller ends a session it took
 //      over from the list): the shell with that id of the client whose seat this controller took
 //      over; else the only running shell with that id among the other clients; when several
-//      clients have one, the only one among clients that have no seat at the moment.
+//      clients have one, the only one among clients that have no seat at the moment; when several
+//      of those have one, the only one whose client last sat under this controller's nickname
+//      (the same user coming back after all connections dropped). Anything still ambiguous finds
+//      nothing: typing into somebody else's shell is worse than a dropped request.
 //   4. An unbound seat that reaches another client's shell through rule 3 with "INPUT", "RESIZE"
 //      or "EXEC" binds to that client: this is how a client that paired again (a new seat, no new
 //      "CREATE_PTY") gets its shells back after finding them in "PTY_LIST".
@@ -111,6 +114,7 @@ private:
     Pty* foreignPty(const Seat& s, int64_t ptyId);
     Pty* resolveForUse(Seat& s, int64_t ptyId);
     bool clientHasSeat(const std::string& clientId) const;
+    void forgetClientIfIdle(const std::string& clientId);
     std::string controllerOf(const std::string& clientId) const;
     std::vector<Seat*> seatsOf(const std::string& clientId);
     Seat* primarySeat(const std::string& clientId);
@@ -131,6 +135,7 @@ private:
     std::vector<std::unique_ptr<Seat>> seats_;
     std::map<PtyKey, std::unique_ptr<Pty>> ptys_;
     std::map<std::string, std::string> lastControllerOfClient_;
+    std::map<std::string, std::string> lastNicknameOfClient_;
     uint64_t nextSeq_ = 1;
 };
 

@@ -105,31 +105,6 @@ protected:
     std::unique_ptr<Relay> relay;
 };
 
-TEST_F(RelayTest, PairingAnnouncesControllersJoiningAndLeaving) {
-    Peer a, b;
-    std::string idA = pair(a, "alice");
-    ASSERT_FALSE(idA.empty());
-    Message paired = a->received("paired").front();
-    EXPECT_EQ(paired.homeDir, home.toStdString());
-    EXPECT_EQ(paired.os, "linux");
-    EXPECT_EQ(paired.machineId, "m1");
-
-    std::string idB = pair(b, "bob");
-    ASSERT_FALSE(idB.empty());
-    EXPECT_NE(idA, idB);
-    auto joined = a->received("controller_joined");
-    ASSERT_EQ(joined.size(), 1u);
-    EXPECT_EQ(joined[0].id, idB);
-    EXPECT_EQ(joined[0].nickname, "bob");
-    EXPECT_TRUE(b->received("controller_joined").empty()) << "a newcomer is not told about itself";
-    EXPECT_EQ(agents[0]->controllerCount(), 2);
-
-    a.leave();
-    ASSERT_TRUE(b->waitFor("controller_left"));
-    EXPECT_EQ(b->received("controller_left").front().id, idA);
-    EXPECT_EQ(agents[0]->controllerCount(), 1);
-}
-
 TEST_F(RelayTest, UnknownCodeIsRefusedAndClosedWhileTheServerNameCanStandInForAMissingCode) {
     Peer bad = connect();
     bad.send(pairMsg("999999", "eve"));
@@ -235,38 +210,6 @@ TEST_F(RelayTest, LatencyPingIsAnsweredWithTheSameStampAndTheLoad) {
     EXPECT_EQ(pong[0].ts, 1700000000123);
     EXPECT_DOUBLE_EQ(pong[0].cpu.value_or(-1), 12.5);
     EXPECT_DOUBLE_EQ(pong[0].mem.value_or(-1), 40.0);
-}
-
-TEST_F(RelayTest, ShellRunsInputResizeExecAndExit) {
-    Peer a;
-    pair(a, "alice");
-    QDir(home).mkpath("work/src");
-    a.send(create(1, "client-a", "~/work/src"));
-    ASSERT_TRUE(a->received("PTY_ERROR").empty()) << a->lines.back();
-
-    a.send(input(1, "echo cwd=$(pwd) sum=$((6*7))\r"));
-    EXPECT_TRUE(a->waitOutput(1, "sum=42")) << a->output(1);
-    EXPECT_NE(a->output(1).find("cwd=" + QDir(home).filePath("work/src").toStdString()), std::string::npos);
-
-    size_t mark = a->lines.size();
-    Message rs("RESIZE");
-    rs.ptyId = 1;
-    rs.cols = 123;
-    rs.rows = 45;
-    a.send(rs);
-    Message exec("EXEC");
-    exec.ptyId = 1;
-    exec.command = "stty size; echo term=$TERM";
-    a.send(exec);
-    EXPECT_TRUE(a->waitOutput(1, "45 123", mark)) << a->output(1, mark);
-    EXPECT_TRUE(a->waitOutput(1, "term=xterm-256color", mark));
-
-    a.send(input(1, "exit\r"));
-    auto exit = a->waitFor("PTY_EXIT");
-    ASSERT_TRUE(exit);
-    EXPECT_EQ(exit->ptyId, 1);
-    EXPECT_TRUE(listPtys(a).empty());
-    EXPECT_EQ(agents[0]->ptyCount(), 0u);
 }
 
 TEST_F(RelayTest, CreateFailuresAreReportedPerShell) {
@@ -375,6 +318,33 @@ TEST_F(RelayTest, ClientThatPairsAgainGetsItsShellAndWhatItMissed) {
     again.send(input(1, "echo back$((5+5))\r"));
     EXPECT_TRUE(again->waitOutput(1, "back10"));
     EXPECT_EQ(listPtys(again).at(0).controllerId, idAgain);
+}
+
+TEST_F(RelayTest, ReattachAmongSeveralLeftOverShellsGoesByNicknameOrNowhere) {
+    Peer a, b;
+    pair(a, "alice");
+    pair(b, "bob");
+    a.send(create(1, "client-a"));
+    b.send(create(1, "client-b"));
+    a.leave();
+    b.leave();
+    ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
+
+    // Somebody else cannot tell which shell 1 is meant: nothing is bound, nothing typed.
+    Peer carol;
+    pair(carol, "carol");
+    carol.send(input(1, "echo wrong$((2+2))\r"));
+    spin(300);
+    EXPECT_EQ(carol->output(1).find("wrong4"), std::string::npos);
+    for (const PtyListItem& p : listPtys(carol)) EXPECT_NE(p.controllerId, carol->received("paired")[0].id);
+
+    // Bob coming back gets his own.
+    Peer bob;
+    std::string idBob = pair(bob, "bob");
+    bob.send(input(1, "echo mine$((3+3))\r"));
+    EXPECT_TRUE(bob->waitOutput(1, "mine6"));
+    for (const PtyListItem& p : listPtys(bob))
+        EXPECT_EQ(p.controllerId == idBob, p.clientId == "client-b") << p.clientId.value_or("");
 }
 
 TEST_F(RelayTest, DirectoryListing) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
+#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +38,15 @@ QString LocalServer::code(int agent) const {
     return agent >= 0 && agent < static_cast<int>(agents_.size()) ? agents_[static_cast<size_t>(agent)].code : QString();
 }
 
+void LocalServer::setEnv(const QString& name, const QString& value) {
+    for (auto& [n, v] : env_)
+        if (n == name) {
+            v = value;
+            return;
+        }
+    env_.emplace_back(name, value);
+}
+
 bool LocalServer::isRunning() const {
     if (pid_ <= 0) return false;
     siginfo_t info{};
@@ -64,6 +74,19 @@ bool LocalServer::start(int timeoutMs) {
     for (auto& s : argStore) argv.push_back(s.data());
     argv.push_back(nullptr);
 
+    std::vector<std::string> envStore;
+    for (char** e = environ; e && *e; ++e) {
+        std::string_view kv(*e);
+        const std::string name(kv.substr(0, kv.find('=')));
+        bool overridden = false;
+        for (const auto& [n, v] : env_) overridden = overridden || n.toStdString() == name;
+        if (!overridden) envStore.emplace_back(kv);
+    }
+    for (const auto& [n, v] : env_) envStore.push_back((n + "=" + v).toStdString());
+    std::vector<char*> envp;
+    for (auto& s : envStore) envp.push_back(s.data());
+    envp.push_back(nullptr);
+
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
         error_ = QStringLiteral("pipe: ") + QString::fromLocal8Bit(std::strerror(errno));
@@ -84,7 +107,7 @@ bool LocalServer::start(int timeoutMs) {
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     pid_t pid = -1;
-    int rc = ::posix_spawn(&pid, argv[0], &fa, &attr, argv.data(), environ);
+    int rc = ::posix_spawn(&pid, argv[0], &fa, &attr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&fa);
     posix_spawnattr_destroy(&attr);
     ::close(fds[1]);

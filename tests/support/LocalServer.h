@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 #include <sys/types.h>
 
@@ -29,6 +30,10 @@ public:
     ~LocalServer();
     LocalServer(const LocalServer&) = delete;
     LocalServer& operator=(const LocalServer&) = delete;
+
+    // Sets (or overrides) one variable of the program's environment for every later start, e.g. HOME
+    // for a private home folder; the rest is inherited from the test.
+    void setEnv(const QString& name, const QString& value);
 
     // Starts the program and waits for "ready". The first start uses the given ports; every later
     // start uses the ports and codes of the first. False with errorString() on failure.
@@ -62,6 +67,7 @@ private:
 
     QStringList args_;
     QStringList restartArgs_;
+    std::vector<std::pair<QString, QString>> env_;
     bool started_ = false;
     pid_t pid_ = -1;
     QString host_;

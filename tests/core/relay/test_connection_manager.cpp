@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <QHostAddress>
+#include <QThread>
 #include <mutex>
 
 #include "ConnectionManager.h"
 #include "QuicServer.h"
 #include "ServerConfig.h"
 #include "TestSupport.h"
+#include "ThreadedRelay.h"
 
 using namespace ostv;
 using namespace ostv::server;
@@ -48,8 +50,9 @@ public:
     void connectionManagerWasKicked(ConnectionManager*, const std::string& r, const std::string& by) override {
         add("kicked " + r + " by " + by);
     }
+    bool keepOutputData = true;
     void connectionManagerDidReceiveOutput(ConnectionManager*, const std::string& b64, int64_t id) override {
-        output.emplace_back(b64, id);
+        output.emplace_back(keepOutputData ? b64 : std::to_string(b64.size()), id);
         add("output " + std::to_string(id));
     }
     void connectionManagerDidReceivePtyExit(ConnectionManager*, int64_t id, int64_t code) override {
@@ -309,6 +312,91 @@ TEST_F(Manager, CloseSkipsWhileNotConnected) {
     mgr.closePty(4);
     ASSERT_TRUE(waitUntil([&] { return relay.count("CLOSE_PTY") == 1; }, 5000));
     EXPECT_NE(log.text().find("[Info] [CLOSE_PTY] sending ptyId=4"), std::string::npos);
+}
+
+// A relay on its own thread that pairs anyone ("paired" with a fresh id each time).
+struct FloodRelay {
+    std::atomic<int> pairs{0};
+    ThreadedRelay relay{[this](QuicConnection* c, std::string_view line) {
+        auto m = Message::decode(line);
+        if (m && m->type == "pair")
+            c->sendLine(R"({"type":"paired","id":"ctl-)" + std::to_string(++pairs) + R"("})");
+    }};
+    FloodRelay() {
+        EXPECT_TRUE(relay.isListening());
+        ServerConfig::setString(SettingsKey::serverHost, "127.0.0.1");
+        ServerConfig::setInteger(SettingsKey::serverQuicPort, relay.port());
+    }
+    // Shell output lines of 8 KiB each; pty_id firstId + i tells their order.
+    void flood(size_t count, int64_t firstId) {
+        relay.flood(count, [firstId](size_t i) {
+            static const std::string data(8192, 'A');
+            return R"({"type":"PTY_DATA","pty_id":)" + std::to_string(firstId + static_cast<int64_t>(i)) + R"(,"data":")" +
+                   data + R"("})";
+        });
+    }
+};
+
+constexpr size_t kFloodLineBytes = 8192 + 48;
+
+bool inOrder(const std::vector<std::pair<std::string, int64_t>>& out, size_t from, int64_t firstId, size_t count) {
+    if (out.size() < from + count) return false;
+    for (size_t i = 0; i < count; ++i)
+        if (out[from + i].second != firstId + static_cast<int64_t>(i)) return false;
+    return true;
+}
+
+TEST_F(Manager, ReceivePausedByTheTerminalHoldsOutputBackUntilResumed) {
+    FloodRelay relay;
+    ev.keepOutputData = false;
+    mgr.setPingIntervalForTesting(600000);
+    mgr.connect(Host{}, "123456", std::string("n"));
+    ASSERT_TRUE(waitUntil([&] { return mgr.state().isConnected(); }, 10000));
+    mgr.setReceivePaused(true);
+    spin(50);
+    relay.flood(4000, 1);  // about 32 MiB
+    spin(1500);
+    // Only what the relay had credit for when reading paused gets through.
+    EXPECT_LT(ev.output.size() * kFloodLineBytes, 12u * 1024 * 1024);
+    EXPECT_FALSE(relay.relay.floodQueuedAll());
+    mgr.setReceivePaused(false);
+    ASSERT_TRUE(waitUntil([&] { return ev.output.size() >= 4000; }, 60000)) << ev.output.size();
+    EXPECT_EQ(ev.output.size(), 4000u);
+    EXPECT_TRUE(inOrder(ev.output, 0, 1, 4000));
+    EXPECT_EQ(ev.output.back().first, "8192");
+}
+
+TEST_F(Manager, AStalledMainThreadHoldsTheRelayBackAndLosesNothing) {
+    FloodRelay relay;
+    ev.keepOutputData = false;
+    mgr.setPingIntervalForTesting(600000);
+    mgr.connect(Host{}, "123456", std::string("n"));
+    ASSERT_TRUE(waitUntil([&] { return mgr.state().isConnected(); }, 10000));
+    relay.flood(6000, 1);  // about 48 MiB
+    QThread::msleep(2500);  // the UI is stuck: nothing is dispatched meanwhile
+    // Decoded output waiting for the main thread stays near its bound: the relay is held back by
+    // flow control instead (bound + the link's receive window + the relay's own queue).
+    EXPECT_LT(relay.relay.floodQueued() * kFloodLineBytes, 30u * 1024 * 1024);
+    ASSERT_TRUE(waitUntil([&] { return ev.output.size() >= 6000; }, 60000)) << ev.output.size();
+    EXPECT_TRUE(inOrder(ev.output, 0, 1, 6000));
+}
+
+TEST_F(Manager, ANewAttemptWhileOutputWaitsDropsTheOldOutputAndIsNotHeldBack) {
+    FloodRelay relay;
+    ev.keepOutputData = false;
+    mgr.setPingIntervalForTesting(600000);
+    mgr.connect(Host{}, "111111", std::string("n"));
+    ASSERT_TRUE(waitUntil([&] { return mgr.state().agentId == "ctl-1"; }, 10000));
+    relay.flood(3000, 1);
+    QThread::msleep(1000);  // a backlog builds up for the main thread
+    const size_t before = ev.output.size();
+    mgr.connect(Host{}, "222222", std::string("n"));
+    ASSERT_TRUE(waitUntil([&] { return mgr.state().agentId == "ctl-2"; }, 10000));
+    const size_t atSecond = ev.output.size();
+    EXPECT_EQ(atSecond, before);  // nothing of the replaced attempt was dispatched
+    relay.flood(3000, 100000);   // more than the receive windows: needs reading to resume and resume
+    ASSERT_TRUE(waitUntil([&] { return ev.output.size() >= atSecond + 3000; }, 60000)) << ev.output.size() - atSecond;
+    EXPECT_TRUE(inOrder(ev.output, atSecond, 100000, 3000));
 }
 
 }  // namespace

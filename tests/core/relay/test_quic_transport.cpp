@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <QDateTime>
 #include <QHostAddress>
 #include <mutex>
 
@@ -100,8 +101,9 @@ TEST(QuicTransport, SendBeforeReadyIsNotConnectedAndWritesNothing) {
     t.connect();
     ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
     EXPECT_NE(log.text().find(", SNI: none"), std::string::npos);
-    spin(100);
-    EXPECT_TRUE(echo.lines.empty());  // nothing was queued for later
+    t.send("now");
+    ASSERT_TRUE(waitUntil([&] { return rec.text() == "echo:now\n"; }, 5000)) << rec.text();
+    EXPECT_EQ(echo.lines, std::vector<std::string>{"now"});  // the early line was not queued for later
     EXPECT_TRUE(echo.serverNames.at(0).isEmpty());
 }
 
@@ -142,7 +144,9 @@ TEST(QuicTransport, DisconnectClosesTheServersConnectionAndStaysSilent) {
     auto t = std::make_unique<QUICTransport>("127.0.0.1", echo.server.port(), QString("ctrl-2"));
     t->setDelegate(&rec);
     t->connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready) && echo.last; }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    t->send("hello");
+    ASSERT_TRUE(waitUntil([&] { return echo.last && rec.text() == "echo:hello\n"; }, 5000));
     echo.last->onClosed = [&](const QString& why) { closedWhy = why; };
     const size_t states = rec.states.size();
     t->disconnect();
@@ -162,12 +166,91 @@ TEST(QuicTransport, LargeTransfersArriveWholeAndInOrderBothWays) {
     ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
     std::string expected;
     for (int i = 0; i < 200; ++i) {
-        std::string line = "L" + std::to_string(i) + ":" + std::string(20000 + i, static_cast<char>('a' + i % 26));
+        std::string line = std::to_string(i);
+        line.insert(0, 1, 'L');
+        line.push_back(':');
+        line.append(20000 + i, static_cast<char>('a' + i % 26));
         expected += "echo:" + line + "\n";
         t.send(line);
     }
     ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
     EXPECT_TRUE(rec.text() == expected);
+}
+
+TEST(QuicTransport, AnExpiredSelfSignedCertificateForAnotherNameIsAccepted) {
+    QuicServer server;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    server.setCertificateOptions("relay.elsewhere.test", now.addYears(-3), now.addYears(-2));
+    std::vector<QString> names;
+    server.onConnection = [&](QuicConnection* c) {
+        names.push_back(c->serverName());
+        c->onLine = [c](std::string_view line) { c->sendLine(std::string(line) + "!"); };
+    };
+    ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0)) << server.errorString().toStdString();
+    Recorder rec;
+    QUICTransport t("localhost", server.port(), QString("ctrl-654321"));
+    t.setDelegate(&rec);
+    t.connect();
+    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready) || rec.reached(QUICTransportState::Kind::failed); }, 10000));
+    ASSERT_FALSE(rec.reached(QUICTransportState::Kind::failed)) << rec.errors.at(0).toStdString();
+    t.send("hi");
+    ASSERT_TRUE(waitUntil([&] { return rec.text() == "hi!\n"; }, 5000)) << rec.text();
+    EXPECT_EQ(names, std::vector<QString>{"ctrl-654321"});
+}
+
+TEST(QuicTransport, PausedReadingHoldsThePeerBackAndResumingDeliversEverythingInOrder) {
+    EchoServer echo;
+    Recorder rec;
+    QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-4"));
+    t.setDelegate(&rec);
+    t.connect();
+    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    t.send("start");  // the client speaks first: only then does the relay see the stream
+    std::string expected = "echo:start\n";
+    ASSERT_TRUE(waitUntil([&] { return rec.text() == expected && echo.last; }, 5000));
+    t.setReadPaused(true);
+    spin(50);
+    bool drained = false;
+    echo.last->onDrained = [&] { drained = true; };
+    const std::string filler(16 * 1024, 'x');
+    for (int i = 0; i < 1536; ++i) {  // 24 MiB
+        std::string line = std::to_string(i);
+        line.append(filler);
+        echo.last->sendLine(line);
+        expected.append(line).push_back('\n');
+    }
+    spin(1000);
+    // The peer may only fill the credit it had when reading paused (the initial windows).
+    EXPECT_GT(rec.text().size(), expected.size() / 24);  // data did flow up to the credit...
+    EXPECT_LT(rec.text().size(), 9u * 1024 * 1024);       // ...and no further
+    EXPECT_GT(echo.last->pendingBytes(), 15u * 1024 * 1024);
+    EXPECT_FALSE(drained);
+    t.setReadPaused(false);
+    ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
+    EXPECT_TRUE(rec.text() == expected);
+    ASSERT_TRUE(waitUntil([&] { return drained; }, 5000));
+    EXPECT_LT(echo.last->pendingBytes(), QuicConnection::lowWatermark());
+}
+
+TEST(QuicServerLines, ALineOverTheLimitIsDroppedAndTheStreamGoesOn) {
+    EchoServer echo;
+    echo.server.maxLineBytes = 4096;
+    Recorder rec;
+    QUICTransport t("127.0.0.1", echo.server.port(), std::nullopt);
+    t.setDelegate(&rec);
+    t.connect();
+    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    StdoutCapture log;
+    t.send(std::string(4096, 'a'));     // exactly at the limit: kept
+    t.send(std::string(4097, 'b'));     // one byte over, in one packet
+    t.send(std::string(200000, 'c'));  // over, across many packets
+    t.send("after");
+    ASSERT_TRUE(waitUntil([&] { return echo.lines.size() >= 2; }, 10000));
+    spin(100);
+    ASSERT_EQ(echo.lines.size(), 2u);
+    EXPECT_EQ(echo.lines[0], std::string(4096, 'a'));
+    EXPECT_EQ(echo.lines[1], "after");
+    EXPECT_NE(log.text().find("[Error] Dropped a line of more than 4096 bytes from 127.0.0.1:"), std::string::npos);
 }
 
 }  // namespace
