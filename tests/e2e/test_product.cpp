@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QPointer>
+#include <QTest>
 #include <QWebEnginePage>
 #include <QWebEngineView>
 
@@ -119,6 +120,21 @@ TEST_F(Product, SignInSeeAgentsPairGetAShellAndType) {
     ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
     typeInto(w->terminalView->tabIds().last(), "ls -la / | head -20\r");
     shot("workspace");
+}
+
+TEST_F(Product, ReturnPressedTwiceSignsInWithOneRequest) {
+    auto* login = qobject_cast<LoginViewController*>(app->currentScreen());
+    ASSERT_NE(login, nullptr);
+    StdoutCapture log;
+    QTest::keyClick(login->passField, Qt::Key_Return);
+    QTest::keyClick(login->passField, Qt::Key_Return);
+    ASSERT_TRUE(waitUntil([&] { return workspace() != nullptr; }, 10000));
+    spin(300);
+    const std::string text = log.text();
+    size_t posts = 0;
+    for (size_t at = text.find("[LOGIN] → POST"); at != std::string::npos; at = text.find("[LOGIN] → POST", at + 1)) ++posts;
+    EXPECT_EQ(posts, 1u);
+    EXPECT_NE(text.find("[LOGIN] ✅"), std::string::npos);
 }
 
 TEST_F(Product, LogoutDisconnectsAndReturnsToALoginScreen) {
