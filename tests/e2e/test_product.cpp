@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QApplication>
 #include <QDir>
+#include <QPalette>
 #include <QPointer>
 #include <QTest>
 #include <QWebEnginePage>
@@ -69,7 +71,19 @@ protected:
         if (dir.isEmpty()) return;
         QDir().mkpath(dir);
         spin(800);
-        app->window()->grab().save(dir + "/" + name + ".png");
+        app->window()->grab().save(dir + "/" + name + "-light.png");
+        // The same moment in the dark appearance, switched live as the desktop would.
+        const QPalette light = QApplication::palette();
+        QPalette dark;
+        for (auto [role, c] : {std::pair{QPalette::Window, QColor(38, 38, 38)}, {QPalette::WindowText, QColor(230, 230, 230)},
+                               {QPalette::Base, QColor(28, 28, 28)}, {QPalette::Text, QColor(230, 230, 230)},
+                               {QPalette::Button, QColor(55, 55, 55)}, {QPalette::ButtonText, QColor(230, 230, 230)},
+                               {QPalette::Highlight, QColor(0, 120, 212)}, {QPalette::HighlightedText, QColor(255, 255, 255)}})
+            dark.setColor(role, c);
+        QApplication::setPalette(dark);
+        spin(800);
+        app->window()->grab().save(dir + "/" + name + "-dark.png");
+        QApplication::setPalette(light);
     }
 
     void signIn() {
@@ -120,6 +134,39 @@ TEST_F(Product, SignInSeeAgentsPairGetAShellAndType) {
     ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
     typeInto(w->terminalView->tabIds().last(), "ls -la / | head -20\r");
     shot("workspace");
+}
+
+TEST_F(Product, TreeLaunchesAToolInTheChosenDirectoryAndAgentsSwitchWithoutACode) {
+    signIn();
+    ASSERT_GE(pairFirstAgent(), 1);
+    MainViewController* w = workspace();
+    ASSERT_TRUE(waitUntil([&] { return !w->resourcePanelView->directories().isEmpty(); }, 10000));
+    const DirectoryItem dir = w->resourcePanelView->directories().first();
+    const QModelIndex index = w->resourcePanelView->treeModel()->indexForPath(dir.path);
+    ASSERT_TRUE(index.isValid());
+    w->resourcePanelView->launchClaude(index);
+    ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
+    const int64_t tool = w->terminalView->tabIds().last();
+    EXPECT_EQ(w->terminalView->tabTitles.at(tool), "Claude");
+    EXPECT_EQ(w->sessions().activeSessions.at(tool), dir.path);
+
+    // The second agent needs its code once; after that both are reached by a double-click alone.
+    const Host other = w->hostListView->hosts().at(1);
+    w->hostListViewDidSelectHost(w->hostListView, other);
+    w->hostListViewDidDoubleClickHost(w->hostListView, other);
+    ASSERT_TRUE(w->currentConnectPanel);
+    w->currentConnectPanel->codeField->setText(other.agentCode);
+    w->currentConnectPanel->onPair();
+    ASSERT_TRUE(waitUntil([&] { return w->currentConnectPanel && w->currentConnectPanel->isPaired(); }, 15000));
+    w->currentConnectPanel->onConfirm();
+    ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 1; }, 20000));
+    const Host first = w->hostListView->hosts().at(0);
+    w->hostListViewDidSelectHost(w->hostListView, first);
+    w->hostListViewDidDoubleClickHost(w->hostListView, first);
+    EXPECT_FALSE(w->currentConnectPanel);  // no code asked
+    ASSERT_TRUE(waitUntil([&] { return ConnectionManager::shared().state().isConnected() &&
+                                       w->terminalView->tabIds().size() == 2; }, 20000));
+    EXPECT_EQ(ConnectionManager::shared().state().machineId, first.machineId.toStdString());
 }
 
 TEST_F(Product, ReturnPressedTwiceSignsInWithOneRequest) {
