@@ -14,7 +14,6 @@ PACKAGES=(
   build-essential cmake pkg-config git ca-certificates
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
   qt6-webengine-dev qt6-webengine-dev-tools qt6-webchannel-dev qt6-httpserver-dev qt6-svg-dev
-  libqt6websockets6-dev
   qtkeychain-qt6-dev
   libngtcp2-dev libngtcp2-crypto-gnutls-dev libgnutls28-dev
   nlohmann-json3-dev
