@@ -6,7 +6,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenuBar>
-#include <QMessageBox>
+#include <QDialog>
 #include <QPushButton>
 #include <QScreen>
 #include <QVBoxLayout>
@@ -41,6 +41,13 @@ AppDelegate* AppDelegate::instance() { return g_instance; }
 QString AppDelegate::windowTitle() {
     return QString::fromLatin1(productName) + QStringLiteral("  v") + QString::fromLatin1(version) +
            QStringLiteral(" · ") + QString::fromLatin1(buildMark);
+}
+
+QIcon AppDelegate::applicationIcon() {
+    QIcon icon;
+    for (int size : {16, 22, 24, 32, 48, 64, 128, 256, 512})
+        icon.addFile(QStringLiteral(":/icons/ostvarren-%1.png").arg(size), QSize(size, size));
+    return icon;
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
@@ -157,14 +164,59 @@ void AppDelegate::showPreferences() {
 }
 
 void AppDelegate::showAbout() {
-    QMessageBox box(window_.get());
-    box.setWindowTitle(QStringLiteral("About Ostvarren"));
-    box.setIconPixmap(QApplication::windowIcon().pixmap(64, 64));
-    box.setTextFormat(Qt::RichText);
-    box.setText(QStringLiteral("<b style='font-size:15pt'>Ostvarren</b><br>Version 1.0.0 (%1)").arg(QString::fromLatin1(buildMark)));
-    box.setInformativeText(QStringLiteral("<span style='color:%1;font-size:8pt'>%2</span>")
-                               .arg(Theme::secondaryLabel().name(), QString::fromUtf8(tagLine)));
-    box.exec();
+    if (aboutPanel_) {  // one about panel at a time: bring the open one forward
+        aboutPanel_->raise();
+        aboutPanel_->activateWindow();
+        return;
+    }
+    auto* panel = new QDialog(window_.get());
+    panel->setObjectName(QStringLiteral("aboutPanel"));
+    panel->setWindowTitle(QStringLiteral("About Ostvarren"));
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    auto* column = new QVBoxLayout(panel);
+    column->setContentsMargins(36, 24, 36, 18);
+    column->setSpacing(6);
+    auto centred = [panel](const QString& text, double pt, bool bold, const QColor& colour) {
+        auto* l = new QLabel(text, panel);
+        l->setAlignment(Qt::AlignCenter);
+        l->setTextFormat(Qt::PlainText);
+        l->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        QFont f = l->font();
+        f.setPointSizeF(pt * 0.75);
+        f.setBold(bold);
+        l->setFont(f);
+        if (colour.isValid()) {
+            QPalette p = l->palette();
+            p.setColor(QPalette::WindowText, colour);
+            l->setPalette(p);
+        }
+        return l;
+    };
+    auto* icon = new QLabel(panel);
+    icon->setAlignment(Qt::AlignCenter);
+    icon->setPixmap(applicationIcon().pixmap(QSize(64, 64), panel->devicePixelRatioF()));
+    column->addWidget(icon);
+    column->addSpacing(4);
+    column->addWidget(centred(QString::fromLatin1(productName), 16, true, {}));
+    column->addWidget(centred(QStringLiteral("Version %1 (%2)").arg(QString::fromLatin1(version), QString::fromLatin1(buildMark)),
+                              11, false, {}));
+    column->addSpacing(6);
+    QLabel* credits = centred(QString::fromUtf8(tagLine), 11, false, Theme::secondaryLabel());
+    credits->setObjectName(QStringLiteral("aboutCredits"));
+    column->addWidget(credits);
+    column->addSpacing(10);
+    auto* ok = new QPushButton(QStringLiteral("OK"), panel);
+    ok->setDefault(true);
+    ok->setMinimumWidth(80);
+    connect(ok, &QPushButton::clicked, panel, &QDialog::accept);
+    auto* row = new QHBoxLayout();
+    row->addStretch(1);
+    row->addWidget(ok);
+    row->addStretch(1);
+    column->addLayout(row);
+    panel->setFixedSize(panel->sizeHint().expandedTo(QSize(300, 0)));
+    aboutPanel_ = panel;
+    panel->show();
 }
 
 }  // namespace ostv

@@ -1,5 +1,7 @@
 #pragma once
 #include <QAction>
+#include <QDialog>
+#include <QIcon>
 #include <QMainWindow>
 #include <QObject>
 #include <QPointer>
@@ -22,6 +24,7 @@ public:
     static constexpr const char* buildMark = "#04060750";
     static constexpr const char* tagLine = "远程终端中继 · 多端协同 · 实时接管";
     static QString windowTitle();  // "Ostvarren  v1.0.0 · #04060750"
+    static QIcon applicationIcon();  // the icon in every rendered size, from the resources
 
     // The workspace to show after login, and what ends the relay session on logout (set by main).
     std::function<QWidget*()> workspaceFactory;
@@ -36,6 +39,7 @@ public:
     QMainWindow* window() const { return window_.get(); }
     QAction* logoutMenuItem() const { return logoutMenuItem_; }
     QWidget* currentScreen() const;
+    QDialog* aboutPanel() const { return aboutPanel_; }
 
 private:
     void buildMenu();
@@ -43,6 +47,7 @@ private:
     void editAction(const char* lineEditSlot, int webAction);
     std::unique_ptr<QMainWindow> window_;
     QPointer<QAction> logoutMenuItem_;
+    QPointer<QDialog> aboutPanel_;
 };
 
 }  // namespace ostv

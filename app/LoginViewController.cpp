@@ -62,14 +62,12 @@ LoginViewController::LoginViewController(QWidget* parent) : QWidget(parent) {
 
     auto* header = new QVBoxLayout();
     header->setSpacing(6);
-    auto* brandIcon = label(QStringLiteral("▣"), 56, this);
-    QPalette accent = brandIcon->palette();
-    accent.setColor(QPalette::WindowText, Theme::accent());
-    brandIcon->setPalette(accent);
+    brandIcon_ = label(QString(), 56, this);
+    brandIcon_->setFixedHeight(76);
     brandText_ = label(QStringLiteral("Ostvarren"), 48, this, true);
     subtitle_ = label(QStringLiteral("Remote terminals, relayed and shared"), 14, this);
     tagline_ = label(QStringLiteral("远程终端中继 · 多端协同 · 实时接管"), 13, this);
-    header->addWidget(brandIcon);
+    header->addWidget(brandIcon_);
     header->addWidget(brandText_);
     header->addWidget(subtitle_);
     header->addWidget(tagline_);
@@ -182,8 +180,33 @@ void LoginViewController::updateLoadingState() {
 
 void LoginViewController::applyTheme() {
     const bool dark = Theme::isDarkMode();
-    card_->setStyleSheet(QStringLiteral("#loginCard{background:%1;border:1px solid %2;border-radius:12px;}")
-                             .arg(Theme::grey(dark ? 0.15 : 0.95).name(), Theme::grey(dark ? 0.2 : 0.85).name()));
+    // The card and, inside it, rounded fields and the accent-coloured login button.
+    const QColor accent = Theme::accent();
+    card_->setStyleSheet(
+        QStringLiteral("#loginCard{background:%1;border:1px solid %2;border-radius:12px;}"
+                       "#loginCard QLineEdit{background:%3;color:%4;border:1px solid %5;border-radius:6px;"
+                       "padding:0 8px;selection-background-color:%6;selection-color:white;}"
+                       "#loginCard QLineEdit:focus{border:1px solid %6;}"
+                       "#loginCard QLineEdit:disabled{color:%7;}"
+                       "#loginCard QPushButton{background:%6;color:white;border:none;border-radius:6px;}"
+                       "#loginCard QPushButton:hover{background:%8;}"
+                       "#loginCard QPushButton:pressed{background:%9;}"
+                       "#loginCard QPushButton:disabled{background:%10;color:rgba(255,255,255,190);}")
+            .arg(Theme::grey(dark ? 0.15 : 0.95).name(), Theme::grey(dark ? 0.2 : 0.85).name(),
+                 Theme::grey(dark ? 0.21 : 1.0).name(), Theme::label().name(), Theme::grey(dark ? 0.3 : 0.8).name(),
+                 accent.name(), Theme::grey(dark ? 0.45 : 0.6).name(), accent.lighter(112).name(),
+                 accent.darker(115).name())
+            .arg(dark ? accent.darker(160).name() : accent.lighter(150).name()));
+    const QIcon icon = AppDelegate::applicationIcon();
+    const QPixmap brand = icon.pixmap(QSize(72, 72), devicePixelRatioF());
+    if (!brand.isNull()) {
+        brandIcon_->setPixmap(brand);
+    } else {  // no icon in the resources: the glyph in the accent colour
+        brandIcon_->setText(QStringLiteral("▣"));
+        QPalette p = brandIcon_->palette();
+        p.setColor(QPalette::WindowText, accent);
+        brandIcon_->setPalette(p);
+    }
     auto colour = [](QLabel* l, const QColor& c) {
         QPalette p = l->palette();
         p.setColor(QPalette::WindowText, c);
@@ -210,7 +233,7 @@ void LoginViewController::paintEvent(QPaintEvent*) {
 }
 
 void LoginViewController::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    if (e->type() == QEvent::PaletteChange) applyTheme();
     QWidget::changeEvent(e);
 }
 

@@ -38,6 +38,7 @@ private:
     void updateLoadingState();
     void controlTextDidChange(const QString& text);
     QWidget* card_ = nullptr;
+    QLabel* brandIcon_ = nullptr;
     QLabel* subtitle_ = nullptr;
     QLabel* tagline_ = nullptr;
     QLabel* brandText_ = nullptr;

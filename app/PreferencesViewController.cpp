@@ -1,5 +1,6 @@
 #include "PreferencesViewController.h"
 
+#include <QEvent>
 #include <QFontDatabase>
 #include <QFormLayout>
 #include <QHBoxLayout>
@@ -67,9 +68,7 @@ PreferencesViewController::PreferencesViewController(QWidget* parent) : QDialog(
         auto* l = new QLabel(text, this);
         l->setFixedWidth(100);
         l->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-        QPalette p = l->palette();
-        p.setColor(QPalette::WindowText, Theme::secondaryLabel());
-        l->setPalette(p);
+        rowLabels_.append(l);
         form->addRow(l, f);
     };
     addRow(QStringLiteral("服务器地址"), serverField);
@@ -94,7 +93,29 @@ PreferencesViewController::PreferencesViewController(QWidget* parent) : QDialog(
     column->addLayout(buttons);
     connect(saveButton, &QPushButton::clicked, this, &PreferencesViewController::onSave);
     connect(cancelButton, &QPushButton::clicked, this, &PreferencesViewController::onCancel);
+    applyTheme();
     loadSettings();
+}
+
+void PreferencesViewController::setStatus(const QString& text, StatusKind kind) {
+    statusLabel->setText(text);
+    statusKind_ = kind;
+    applyTheme();
+}
+
+void PreferencesViewController::applyTheme() {
+    auto colour = [](QLabel* l, const QColor& c) {
+        QPalette p = l->palette();
+        p.setColor(QPalette::WindowText, c);
+        l->setPalette(p);
+    };
+    for (QLabel* l : rowLabels_) colour(l, Theme::secondaryLabel());
+    colour(statusLabel, statusKind_ == StatusKind::error ? Theme::systemRed() : Theme::systemGreen());
+}
+
+void PreferencesViewController::changeEvent(QEvent* e) {
+    if (e->type() == QEvent::PaletteChange) applyTheme();
+    QDialog::changeEvent(e);
 }
 
 void PreferencesViewController::loadSettings() {
@@ -108,14 +129,8 @@ void PreferencesViewController::loadSettings() {
 
 void PreferencesViewController::onSave() {
     const QString host = serverField->text().trimmed();
-    auto colour = [this](const QColor& c) {
-        QPalette p = statusLabel->palette();
-        p.setColor(QPalette::WindowText, c);
-        statusLabel->setPalette(p);
-    };
     if (host.isEmpty()) {
-        statusLabel->setText(QStringLiteral("服务器地址不能为空"));
-        colour(Theme::systemRed());
+        setStatus(QStringLiteral("服务器地址不能为空"), StatusKind::error);
         return;
     }
     const int64_t quic = parsePortField(quicPortField->text(), ServerConfig::defaultQuicPort);
@@ -125,8 +140,7 @@ void PreferencesViewController::onSave() {
     ServerConfig::setInteger(SettingsKey::adminServerPort, admin);
     ServerConfig::defaults().sync();
     AdminPassword::write(passwordField->text());
-    statusLabel->setText(QStringLiteral("✓ 已保存，请重新登录"));
-    colour(Theme::systemGreen());
+    setStatus(QStringLiteral("✓ 已保存，请重新登录"), StatusKind::saved);
     saveButton->setEnabled(false);
 
     QPointer<PreferencesViewController> self(this);

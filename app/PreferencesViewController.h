@@ -27,6 +27,16 @@ public:
     void onSave();
     void onCancel();
     int returnDelayMs = 500;  // how long the saved message stays before the login screen comes back
+
+protected:
+    void changeEvent(QEvent* e) override;
+
+private:
+    enum class StatusKind { none, error, saved };
+    void setStatus(const QString& text, StatusKind kind);
+    void applyTheme();
+    QList<QLabel*> rowLabels_;
+    StatusKind statusKind_ = StatusKind::none;
 };
 
 }  // namespace ostv

@@ -1,12 +1,12 @@
 // Process entry: the application object, its delegate, and the event loop.
 #include <QApplication>
 #include <QIcon>
-#include <QStyleFactory>
 #include <QTimer>
 #include <unistd.h>
 
 #include "AppDelegate.h"
 #include "AppWiring.h"
+#include "Theme.h"
 
 int main(int argc, char** argv) {
     // The web engine's sandbox cannot start for root; everyone else keeps it.
@@ -17,8 +17,8 @@ int main(int argc, char** argv) {
     QCoreApplication::setApplicationName(QStringLiteral("Ostvarren"));
     QGuiApplication::setDesktopFileName(QStringLiteral("ostvarren"));
     QApplication app(argc, argv);
-    QApplication::setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
-    QApplication::setWindowIcon(QIcon(QStringLiteral(":/icons/ostvarren.svg")));
+    ostv::Theme::install();  // the same look on every desktop, light or dark as the desktop asks
+    QApplication::setWindowIcon(ostv::AppDelegate::applicationIcon());
 
     ostv::AppDelegate delegate;
     ostv::wireApplication(delegate);

@@ -295,7 +295,7 @@ void ConnectPanelViewController::applyTheme() {
 }
 
 void ConnectPanelViewController::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    if (Theme::isPaletteChange(e)) applyTheme();
     QDialog::changeEvent(e);
 }
 

@@ -175,7 +175,7 @@ void HostCell::leaveEvent(QEvent* e) {
 }
 
 void HostCell::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange || e->type() == QEvent::PaletteChange) {
+    if (Theme::isPaletteChange(e)) {
         applyColors();
     }
     QWidget::changeEvent(e);

@@ -123,7 +123,7 @@ void HostListView::applyTheme() {
 }
 
 void HostListView::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    if (Theme::isPaletteChange(e)) applyTheme();
     QWidget::changeEvent(e);
 }
 

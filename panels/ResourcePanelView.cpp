@@ -209,7 +209,7 @@ void ResourcePanelView::applyTheme() {
 }
 
 void ResourcePanelView::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    if (Theme::isPaletteChange(e)) applyTheme();
     QWidget::changeEvent(e);
 }
 

@@ -246,7 +246,7 @@ void UserCell::leaveEvent(QEvent* e) {
 }
 
 void UserCell::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) applyColors();
+    if (Theme::isPaletteChange(e)) applyColors();
     QWidget::changeEvent(e);
 }
 

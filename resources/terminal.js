@@ -26,12 +26,22 @@ let renderer = 'dom';          // the renderer that works here: 'webgl' or 'dom'
 let ackTimer = null;
 const pendingAcks = new Map(); // id -> bytes written since the last ack
 const stats = { received: 0, written: 0, acked: 0 };  // bytes, for diagnostics
+// Diagnostics: milliseconds from typed data leaving through "termInput" to the next output of the same
+// terminal having been written (its echo). Off unless __startEchoProbe() is called.
+const echoProbe = { on: false, sentAt: new Map(), samples: [] };
 
 function toBytes(b64) {
   const bin = atob(b64);
   const out = new Uint8Array(bin.length);
   for (let i = 0; i < bin.length; i++) out[i] = bin.charCodeAt(i);
   return out;
+}
+
+// What the native side counts for a text it handed over (it only hands over well-formed base64).
+function decodedLength(b64) {
+  let n = Math.floor(b64.length / 4) * 3;
+  if (b64.endsWith('==')) n -= 2; else if (b64.endsWith('=')) n -= 1;
+  return n;
 }
 
 function queueAck(id, n) {
@@ -93,7 +103,11 @@ function createTerminal(id) {
   terminals.set(id, entry);
   term.open(el);
   loadRenderer(entry);
-  term.onData((data) => { if (!entry.masked && bridge) bridge.termInput({ data: data, ptyId: id }); });
+  term.onData((data) => {
+    if (entry.masked || !bridge) return;
+    if (echoProbe.on && !echoProbe.sentAt.has(id)) echoProbe.sentAt.set(id, performance.now());
+    bridge.termInput({ data: data, ptyId: id });
+  });
   term.onBinary((data) => { if (!entry.masked && bridge) bridge.termInput({ data: data, ptyId: id }); });
   term.onResize(() => reportSize(id));
   term.onSelectionChange(() => { if (bridge && term.hasSelection()) bridge.selectionChanged(term.getSelection()); });
@@ -141,11 +155,18 @@ function writeOutput(b64, id) {
   const t = terminals.get(id);
   if (!t) return;
   let bytes;
-  try { bytes = toBytes(b64); } catch (e) { return; }
+  try { bytes = toBytes(b64); } catch (e) { queueAck(id, decodedLength(b64)); return; }
   stats.received += bytes.length;
   if (t.masked) { queueAck(id, bytes.length); return; }
   // Raw bytes: the terminal's own UTF-8 decoder keeps a character split across chunks whole.
-  t.term.write(bytes, () => { stats.written += bytes.length; queueAck(id, bytes.length); });
+  t.term.write(bytes, () => {
+    stats.written += bytes.length;
+    queueAck(id, bytes.length);
+    if (echoProbe.sentAt.has(id)) {
+      if (echoProbe.samples.length < 100000) echoProbe.samples.push(performance.now() - echoProbe.sentAt.get(id));
+      echoProbe.sentAt.delete(id);
+    }
+  });
 }
 
 function maskTerminal(id, message) {
@@ -236,6 +257,14 @@ function __pageState() {
            visibility: document.visibilityState,
            masked: Array.from(terminals).filter(([, t]) => t.masked).map(([id]) => id) };
 }
+
+function __startEchoProbe() {
+  echoProbe.on = true;
+  echoProbe.sentAt.clear();
+  echoProbe.samples = [];
+  return true;
+}
+function __echoSamples() { return echoProbe.samples; }
 
 function probeRenderer() {
   try {

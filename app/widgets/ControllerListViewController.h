@@ -42,9 +42,19 @@ public:
     void onTakeover();
     void reject() override;  // Escape and the close button cancel too
 
+protected:
+    void changeEvent(QEvent* e) override;
+
 private:
+    struct RowLabels {
+        QLabel* nickname;
+        QLabel* cwd;
+        QLabel* pty;  // none without a workspace PTY
+    };
     bool finished_ = false;
     void selectionChanged();
+    void applyColours();  // label colours of the appearance; the selected row's text on the highlight
+    std::vector<RowLabels> rows_;
     std::vector<ControllerInfo> controllers_;
     std::optional<ControllerInfo> selectedController_;
     WeakDelegate<ControllerListViewControllerDelegate> delegate_;

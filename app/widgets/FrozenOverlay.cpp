@@ -57,7 +57,7 @@ void FrozenOverlay::paintEvent(QPaintEvent*) {
 }
 
 void FrozenOverlay::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::PaletteChange || e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    if (Theme::isPaletteChange(e)) applyTheme();
     QWidget::changeEvent(e);
 }
 

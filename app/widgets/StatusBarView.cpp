@@ -93,7 +93,7 @@ void StatusBarView::paintEvent(QPaintEvent*) {
 }
 
 void StatusBarView::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) setStatus(currentStatus_);
+    if (e->type() == QEvent::PaletteChange) setStatus(currentStatus_);
     QWidget::changeEvent(e);
 }
 

@@ -8,6 +8,7 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QResizeEvent>
 
 #include "Theme.h"
 
@@ -20,6 +21,7 @@ TabItemView::TabItemView(int64_t ptyId, const QString& title, QWidget* parent) :
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
     setCursor(Qt::PointingHandCursor);
 
+    fullTitle_ = title;
     titleLabel_ = new QLabel(title, this);
     QFont f = titleLabel_->font();
     f.setPointSizeF(11 * 0.75 * 1.333);  // system font 11
@@ -52,14 +54,31 @@ TabItemView::TabItemView(int64_t ptyId, const QString& title, QWidget* parent) :
 
 QSize TabItemView::sizeHint() const {
     if (!titleLabel_) return {60, 26};  // asked during construction
-    const int text = titleLabel_->fontMetrics().horizontalAdvance(titleLabel_->text());
+    const int text = titleLabel_->fontMetrics().horizontalAdvance(fullTitle_);
     return {std::clamp(text + 10 + 4 + 16 + 12, 60, 200), 26};
 }
 
-QString TabItemView::title() const { return titleLabel_->text(); }
+QString TabItemView::title() const { return fullTitle_; }
 void TabItemView::setTitle(const QString& title) {
-    titleLabel_->setText(title);
+    fullTitle_ = title;
+    setToolTip(QString());
+    elideTitle();
     updateGeometry();
+}
+
+void TabItemView::elideTitle() {
+    // Tabs share the strip's width: a title that does not fit ends in "…" and shows whole as a tooltip.
+    const int room = titleLabel_->width();
+    const QFontMetrics fm = titleLabel_->fontMetrics();
+    const bool fits = room <= 0 || fm.horizontalAdvance(fullTitle_) <= room;
+    titleLabel_->setText(fits ? fullTitle_ : fm.elidedText(fullTitle_, Qt::ElideRight, room));
+    setToolTip(fits ? QString() : fullTitle_);
+}
+
+void TabItemView::resizeEvent(QResizeEvent* e) {
+    QWidget::resizeEvent(e);
+    layout()->activate();  // the label's new width, before eliding for it
+    elideTitle();
 }
 
 void TabItemView::setState(State s) {
@@ -139,7 +158,7 @@ void TabItemView::leaveEvent(QEvent* e) {
 }
 
 void TabItemView::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::PaletteChange || e->type() == QEvent::ApplicationPaletteChange) applyStyle();
+    if (Theme::isPaletteChange(e)) applyStyle();
     QWidget::changeEvent(e);
 }
 

@@ -39,11 +39,14 @@ protected:
     void enterEvent(QEnterEvent*) override;
     void leaveEvent(QEvent*) override;
     void changeEvent(QEvent*) override;
+    void resizeEvent(QResizeEvent*) override;
 
 private:
     void setCloseShown(bool shown);
+    void elideTitle();
 
     int64_t ptyId_;
+    QString fullTitle_;
     QLabel* titleLabel_ = nullptr;
     QToolButton* closeButton_ = nullptr;
     QGraphicsOpacityEffect* closeOpacity_ = nullptr;

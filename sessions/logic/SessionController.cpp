@@ -221,6 +221,7 @@ void SessionController::completePtySetup(int64_t ptyId) {
     clear.ptyId = ptyId;
     clear.command = "clear";
     send(clear);
+    send(Message("LIST_PTY"));  // the new session shows in the list now, not at the next periodic list
 
     QPointer<SessionController> self(this);
     const int commandDelay = delays.resizeToCommandMs;

@@ -19,14 +19,20 @@
 #include "Theme.h"
 
 namespace ostv {
-
 namespace {
 
 constexpr int kFrameMs = 16;  // output is coalesced per frame
-constexpr qsizetype kMaxFrameScript = 256 * 1024;
+constexpr qsizetype kMaxFrameBytes = 96 * 1024;  // per script call (128 KiB of base64)
+constexpr qsizetype kMaxFramePiece = 48 * 1024;  // per writeOutput call
+constexpr int64_t kPageBusyAbove = 64 * 1024;  // bytes handed to the page and not yet written
 
-// Decoded size of a base64 text (what the page will acknowledge).
-int64_t decodedSize(qsizetype b64) { return static_cast<int64_t>(b64 / 4 * 3); }
+// The decoded size of well-formed base64 text: exactly what the page acknowledges once written.
+int64_t decodedSize(const QString& b64) {
+    qsizetype n = b64.size() / 4 * 3;
+    if (b64.endsWith(QLatin1Char('='))) --n;
+    if (b64.endsWith(QLatin1String("=="))) --n;
+    return static_cast<int64_t>(n);
+}
 
 std::optional<int64_t> wholeNumber(const QVariant& v) {
     bool ok = false;
@@ -193,7 +199,8 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
                 // so the sessions stay usable; nothing waits on acknowledgements that will never come.
                 Logger::error("Terminal page process ended (code " + std::to_string(code) + "); reloading it");
                 isWebViewReady = false;
-                frameScript_.clear();
+                frame_.clear();
+                frameBytes_ = 0;
                 unackedPerPty_.clear();
                 unacked_ = 0;
                 if (receivePaused_) {
@@ -206,7 +213,6 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
             });
 
     frameTimer_.setSingleShot(true);
-    frameTimer_.setInterval(kFrameMs);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::flushOutput);
 
     webView_->load(QUrl(QStringLiteral("qrc:/terminal/terminal.html")));
@@ -221,16 +227,24 @@ TerminalView::~TerminalView() {
 }
 
 void TerminalView::run(const QString& script) {
-    if (!frameScript_.isEmpty()) flushOutput();  // keep every call in order with the output before it
+    if (!frame_.empty()) flushOutput();  // keep every call in order with the output before it
     if (scriptObserver) scriptObserver(script);
     webView_->page()->runJavaScript(script);
 }
 
 void TerminalView::flushOutput() {
     frameTimer_.stop();
-    if (frameScript_.isEmpty()) return;
+    if (frame_.empty()) return;
+    lastFlush_.start();
     QString script;
-    script.swap(frameScript_);
+    script.reserve(frameBytes_ / 3 * 4 + 64 * static_cast<qsizetype>(frame_.size()));
+    for (const auto& [id, bytes] : frame_) {
+        script += QStringLiteral("writeOutput('");
+        script += QLatin1String(bytes.toBase64());
+        script += QStringLiteral("',") + QString::number(id) + QStringLiteral(");");
+    }
+    frame_.clear();
+    frameBytes_ = 0;
     if (scriptObserver) scriptObserver(script);
     webView_->page()->runJavaScript(script);
 }
@@ -245,9 +259,7 @@ void TerminalView::onPageReady() {
         if (text.startsWith(QLatin1String("__CREATE__"))) {
             run(QStringLiteral("createTerminal(%1)").arg(text.mid(10)));
         } else {
-            const int64_t n = decodedSize(text.size());
-            unackedPerPty_[id] += n;
-            unacked_ += n;
+            handOver(id, decodedSize(text));
             run(QStringLiteral("writeOutput('") + text + QStringLiteral("',") + QString::number(id) + QLatin1Char(')'));
         }
     }
@@ -371,26 +383,63 @@ void TerminalView::maskTab(int64_t ptyId, const QString& message) {
     updateTabStyles();
 }
 
+bool TerminalView::isWellFormedBase64(std::string_view text) {
+    if (text.size() % 4 != 0) return false;
+    size_t end = text.size();
+    for (int pad = 0; pad < 2 && end > 0 && text[end - 1] == '='; ++pad) --end;
+    for (size_t i = 0; i < end; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/'))
+            return false;
+    }
+    return true;
+}
+
 void TerminalView::writeOutput(const std::string& base64, int64_t ptyId) {
     if (terminatedTabs.contains(ptyId)) return;
-    const QString text = QString::fromLatin1(base64.data(), static_cast<qsizetype>(base64.size()));
-    if (!isWebViewReady) {
-        pendingOutputs.emplace_back(text, ptyId);
+    // The text goes into a script call as it stands, so nothing but base64 may pass: anything else
+    // (a broken or hostile peer) could end the quoted argument and run as script in the page.
+    if (!isWellFormedBase64(base64)) {
+        if (!loggedBadOutput_) {
+            loggedBadOutput_ = true;
+            Logger::error("Terminal output for PTY " + std::to_string(ptyId) + " is not base64; dropped");
+        }
         return;
     }
-    const int64_t n = decodedSize(text.size());
-    unackedPerPty_[ptyId] += n;
-    unacked_ += n;
+    if (!isWebViewReady) {
+        pendingOutputs.emplace_back(QString::fromLatin1(base64.data(), static_cast<qsizetype>(base64.size())), ptyId);
+        return;
+    }
+    // Output waiting for the same frame is joined per terminal: the page writes a few large pieces
+    // much faster than many small ones. Each terminal still gets its bytes in order.
+    const QByteArray bytes = QByteArray::fromBase64(QByteArray::fromRawData(base64.data(), static_cast<qsizetype>(base64.size())));
+    handOver(ptyId, bytes.size());
+    ++outputChunks_;
+    auto last = std::find_if(frame_.rbegin(), frame_.rend(), [&](const auto& e) { return e.first == ptyId; });
+    if (last != frame_.rend() && last->second.size() + bytes.size() <= kMaxFramePiece)
+        last->second += bytes;
+    else
+        frame_.emplace_back(ptyId, bytes);
+    frameBytes_ += bytes.size();
+    if (frameBytes_ >= kMaxFrameBytes) {
+        flushOutput();  // very large scripts are not delivered reliably: hand over in slices
+    } else if (unacked_ <= kPageBusyAbove && !frameTimer_.isActive()) {
+        flushOutput();  // the page keeps up: at once, so an echo never waits for a frame
+    } else if (!frameTimer_.isActive()) {
+        // The page has fallen behind (much written and not yet acknowledged): output is joined into
+        // one call per terminal per frame.
+        const qint64 since = lastFlush_.isValid() ? lastFlush_.elapsed() : kFrameMs;
+        frameTimer_.start(static_cast<int>(std::max<qint64>(0, kFrameMs - since)));
+    }
+}
+
+void TerminalView::handOver(int64_t ptyId, int64_t bytes) {
+    unackedPerPty_[ptyId] += bytes;
+    unacked_ += bytes;
     if (!receivePaused_ && unacked_ > kPauseAbove) {
         receivePaused_ = true;
         if (auto* l = link_.get()) l->setReceivePaused(true);
     }
-    frameScript_ += QStringLiteral("writeOutput('") + text + QStringLiteral("',") + QString::number(ptyId) +
-                    QStringLiteral(");");
-    if (frameScript_.size() >= kMaxFrameScript)
-        flushOutput();  // very large scripts are not delivered reliably: hand over in slices
-    else if (!frameTimer_.isActive())
-        frameTimer_.start();
 }
 
 void TerminalView::onAck(int64_t ptyId, int64_t bytes) {
@@ -399,6 +448,7 @@ void TerminalView::onAck(int64_t ptyId, int64_t bytes) {
     const int64_t n = std::min(bytes, it->second);
     it->second -= n;
     unacked_ -= n;
+    acknowledgedTotal_ += n;
     if (it->second == 0) unackedPerPty_.erase(it);
     if (receivePaused_ && unacked_ < kResumeBelow) {
         receivePaused_ = false;
@@ -517,7 +567,7 @@ void TerminalView::resizeEvent(QResizeEvent* e) {
 }
 
 void TerminalView::changeEvent(QEvent* e) {
-    if (e->type() == QEvent::ApplicationPaletteChange) applyTheme();
+    if (Theme::isPaletteChange(e)) applyTheme();
     QWidget::changeEvent(e);
 }
 

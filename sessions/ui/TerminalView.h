@@ -1,6 +1,7 @@
 #pragma once
 // The right-hand area of the workspace: a title bar, a tab strip, and one web view whose page draws every
 // terminal of the session. PTY output goes to the page as base64 text; keystrokes and sizes come back.
+#include <QElapsedTimer>
 #include <QHBoxLayout>
 #include <QJsonObject>
 #include <QLabel>
@@ -14,6 +15,7 @@
 #include <QWidget>
 #include <functional>
 #include <map>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -92,6 +94,8 @@ public:
     void pasteFromClipboard();
     void pasteText(const QString& text);
     static QString escapeForScript(const QString& text);  // for a single-quoted script argument
+    // Only A-Z a-z 0-9 + / with at most two "=" at the end, in groups of four.
+    static bool isWellFormedBase64(std::string_view text);
 
     // State (the names the rest of the workspace uses).
     bool isWebViewReady = false;
@@ -111,6 +115,8 @@ public:
 
     // Flow control: decoded bytes handed to the page and not yet written by it.
     int64_t unacknowledgedBytes() const { return unacked_; }
+    int64_t acknowledgedBytesTotal() const { return acknowledgedTotal_; }  // since the view was made
+    int64_t outputChunksTotal() const { return outputChunks_; }  // writeOutput calls handed to the page
     bool receivePaused() const { return receivePaused_; }
     static constexpr int64_t kPauseAbove = 2 * 1024 * 1024;
     static constexpr int64_t kResumeBelow = 512 * 1024;
@@ -136,6 +142,7 @@ private:
     void onPageReady();
     void onInput(int64_t ptyId, const QString& data);
     void onResize(int64_t ptyId, int64_t cols, int64_t rows);
+    void handOver(int64_t ptyId, int64_t bytes);  // counts output given to the page, pauses the link if due
     void onAck(int64_t ptyId, int64_t bytes);
     void forgetUnacked(int64_t ptyId);
     void layoutOverlay();
@@ -160,8 +167,13 @@ private:
     QColor statusColor_;
 
     // Output waiting for the next frame, in arrival order.
-    QString frameScript_;
+    std::vector<std::pair<int64_t, QByteArray>> frame_;  // (PTY, bytes) in order of first arrival
+    qsizetype frameBytes_ = 0;
     QTimer frameTimer_;
+    QElapsedTimer lastFlush_;
+    int64_t acknowledgedTotal_ = 0;
+    int64_t outputChunks_ = 0;
+    bool loggedBadOutput_ = false;
     std::map<int64_t, int64_t> unackedPerPty_;
     int64_t unacked_ = 0;
     bool receivePaused_ = false;

@@ -2,6 +2,11 @@
 
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
+#include <QApplication>
+#include <QClipboard>
+#include <QDialog>
+#include <QLabel>
 
 #include "AdminAPIClient.h"
 #include "AdminPassword.h"
@@ -10,7 +15,9 @@
 #include "HttpFixture.h"
 #include "LoginViewController.h"
 #include "ServerConfig.h"
+#include "PreferencesViewController.h"
 #include "TestSupport.h"
+#include "Theme.h"
 
 using namespace ostv;
 using namespace ostv::test;
@@ -88,6 +95,21 @@ TEST_F(LoginScreen, TypingIntoThePasswordFieldKeepsOnlyMasksVisible) {
     login()->passField->setCursorPosition(1);
     QTest::keyClick(login()->passField, Qt::Key_Delete);  // deleting the middle mask removes the last character
     EXPECT_EQ(login()->realPassword, "s3");
+    EXPECT_EQ(login()->passField->cursorPosition(), 2);  // the caret goes back to the end
+
+    // A paste through the Edit menu arrives unmasked and is appended.
+    QApplication::clipboard()->setText("x●z");
+    QApplication::setActiveWindow(app->window());
+    login()->passField->setFocus();
+    ASSERT_TRUE(waitUntil([&] { return QApplication::focusWidget() == login()->passField; }));
+    QAction* paste = nullptr;
+    for (QAction* a : app->window()->findChildren<QAction*>())
+        if (a->shortcut() == QKeySequence(Qt::CTRL | Qt::Key_V)) paste = a;
+    ASSERT_NE(paste, nullptr);
+    paste->trigger();
+    EXPECT_EQ(login()->realPassword, "s3xz");  // a "●" in the pasted text is lost, as when typed
+    EXPECT_EQ(login()->passField->text(), "●●●●");
+    EXPECT_FALSE(login()->passField->text().contains('x'));
 }
 
 TEST_F(LoginScreen, EmptyOrBlankFieldsAreRefusedWithoutARequest) {
@@ -165,4 +187,86 @@ TEST(AppStart, KeepsAnExistingActivityModeAndSetsItOtherwise) {
         a.applicationDidFinishLaunching();
         EXPECT_EQ(qgetenv("OS_ACTIVITY_MODE"), "mine");
     }
+}
+
+TEST(AppStart, AboutPanelShowsNameVersionsAndTagLineOnlyOnce) {
+    AppDelegate a;
+    a.applicationDidFinishLaunching();
+    a.showAbout();
+    QDialog* panel = a.aboutPanel();
+    ASSERT_NE(panel, nullptr);
+    QStringList texts;
+    for (QLabel* l : panel->findChildren<QLabel*>()) texts << l->text();
+    EXPECT_TRUE(texts.contains("Ostvarren"));
+    EXPECT_TRUE(texts.contains("Version 1.0.0 (#04060750)"));
+    auto* credits = panel->findChild<QLabel*>("aboutCredits");
+    ASSERT_NE(credits, nullptr);
+    EXPECT_EQ(credits->text(), "远程终端中继 · 多端协同 · 实时接管");
+    EXPECT_EQ(credits->palette().color(QPalette::WindowText), Theme::secondaryLabel());
+    EXPECT_GE(credits->width(), credits->sizeHint().width());  // the tag line fits on one line
+    a.showAbout();  // a second time brings the same panel forward
+    EXPECT_EQ(a.aboutPanel(), panel);
+    EXPECT_EQ(a.window()->findChildren<QDialog*>("aboutPanel").size(), 1);
+}
+
+TEST(AppStart, MenuShortcutsReachTheirScreensAndEditItemsActOnTheFocusedField) {
+    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("menu") + "/secrets.json");
+    AppDelegate a;
+    a.workspaceFactory = [] { return new QWidget; };
+    a.applicationDidFinishLaunching();
+    const auto action = [&](const QKeySequence& key) -> QAction* {
+        for (QAction* act : a.window()->findChildren<QAction*>())
+            if (act->shortcut() == key) return act;
+        return nullptr;
+    };
+    for (auto key : {QKeySequence(Qt::CTRL | Qt::Key_Q), QKeySequence(Qt::CTRL | Qt::Key_M),
+                     QKeySequence(Qt::CTRL | Qt::Key_Z), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z),
+                     QKeySequence(Qt::CTRL | Qt::Key_X), QKeySequence(Qt::CTRL | Qt::Key_C),
+                     QKeySequence(Qt::CTRL | Qt::Key_V), QKeySequence(Qt::CTRL | Qt::Key_A)})
+        EXPECT_NE(action(key), nullptr) << key.toString().toStdString();
+
+    // Preferences open as a sheet over whichever screen is shown: the workspace too.
+    a.showMain();
+    QAction* prefs = action(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    ASSERT_NE(prefs, nullptr);
+    prefs->trigger();
+    auto* sheet = a.window()->findChild<PreferencesViewController*>();
+    ASSERT_NE(sheet, nullptr);
+    EXPECT_TRUE(sheet->isVisible());
+    EXPECT_EQ(sheet->windowModality(), Qt::WindowModal);
+    EXPECT_EQ(sheet->windowTitle(), "偏好设置");
+    sheet->onCancel();
+    EXPECT_FALSE(sheet->isVisible());
+
+    // Edit items act on the focused field.
+    a.showLogin();
+    auto* login = qobject_cast<LoginViewController*>(a.currentScreen());
+    ASSERT_NE(login, nullptr);
+    login->hostField->setText("10.1.2.3");
+    QApplication::setActiveWindow(a.window());
+    login->hostField->setFocus();
+    ASSERT_TRUE(waitUntil([&] { return QApplication::focusWidget() == login->hostField; }));
+    action(QKeySequence(Qt::CTRL | Qt::Key_A))->trigger();
+    EXPECT_EQ(login->hostField->selectedText(), "10.1.2.3");
+    action(QKeySequence(Qt::CTRL | Qt::Key_X))->trigger();
+    EXPECT_EQ(login->hostField->text(), "");
+    action(QKeySequence(Qt::CTRL | Qt::Key_Z))->trigger();
+    EXPECT_EQ(login->hostField->text(), "10.1.2.3");
+
+    SecretStore::useFileStoreOnlyForTesting(false);
+}
+
+TEST(AppStartDeathTest, ClosingTheMainWindowEndsTheApplication) {
+    // In a fresh copy of this test program, so that its event loop can really end.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            AppDelegate a;
+            a.applicationDidFinishLaunching();
+            QTimer::singleShot(100, a.window(), &QWidget::close);
+            QTimer::singleShot(10000, [] { std::_Exit(3); });  // still running: the close did not quit
+            const int rc = QApplication::exec();
+            std::_Exit(rc == 0 ? 0 : 4);
+        },
+        ::testing::ExitedWithCode(0), "");
 }

@@ -8,6 +8,7 @@
 #include "PreferencesViewController.h"
 #include "ServerConfig.h"
 #include "TestSupport.h"
+#include "Theme.h"
 
 using namespace ostv;
 using namespace ostv::test;
@@ -51,6 +52,7 @@ TEST_F(Preferences, BlankHostWritesNothing) {
     p.quicPortField->setText("1234");
     p.onSave();
     EXPECT_EQ(p.statusLabel->text(), "服务器地址不能为空");
+    EXPECT_EQ(p.statusLabel->palette().color(QPalette::WindowText), Theme::systemRed());
     EXPECT_FALSE(ServerConfig::defaults().contains(SettingsKey::serverHost));
     EXPECT_FALSE(ServerConfig::defaults().contains(SettingsKey::serverQuicPort));
     EXPECT_FALSE(AdminPassword::read().has_value());
@@ -64,6 +66,7 @@ TEST_F(Preferences, PortsAreParsedStoredAndReadBackThroughTheDefaults) {
     p.passwordField->setText("");
     p.onSave();
     EXPECT_EQ(p.statusLabel->text(), "✓ 已保存，请重新登录");
+    EXPECT_EQ(p.statusLabel->palette().color(QPalette::WindowText), Theme::systemGreen());
     EXPECT_EQ(ServerConfig::string(SettingsKey::serverHost), "10.0.0.7");
     EXPECT_EQ(ServerConfig::integer(SettingsKey::serverQuicPort), 9090);
     EXPECT_EQ(ServerConfig::integer(SettingsKey::adminServerPort), -5);
@@ -72,6 +75,14 @@ TEST_F(Preferences, PortsAreParsedStoredAndReadBackThroughTheDefaults) {
     PreferencesViewController again;
     EXPECT_EQ(again.adminPortField->text(), "8080");
     EXPECT_EQ(again.passwordField->text(), "");  // the empty password shows as stored
+    again.quicPortField->setText("-5");
+    again.adminPortField->setText("70000");  // no range check
+    again.onSave();
+    EXPECT_EQ(ServerConfig::integer(SettingsKey::serverQuicPort), -5);
+    EXPECT_EQ(ServerConfig::quicPort(), 9090);
+    EXPECT_EQ(ServerConfig::adminPort(), 70000);
+    PreferencesViewController third;
+    EXPECT_EQ(third.quicPortField->text(), "9090");
 }
 
 TEST_F(Preferences, SaveReturnsToAFreshLoginScreenAfterHalfASecond) {

@@ -5,8 +5,13 @@
 #include "ControllerListViewController.h"
 #include "StatusBarView.h"
 #include "TestSupport.h"
+#include "Theme.h"
 
 using namespace ostv;
+
+namespace {
+QColor colour(QWidget* w) { return w->palette().color(QPalette::WindowText); }
+}  // namespace
 
 TEST(StatusBar, TextsForEveryStatus) {
     StatusBarView bar;
@@ -30,12 +35,30 @@ TEST(StatusBar, TextsForEveryStatus) {
     bar.setStatus(ConnectionStatus::disconnected());
     EXPECT_EQ(bar.iconLabel()->text(), "⚠");
     EXPECT_EQ(bar.textLabel()->text(), "连接已断开");
-    const QColor orange = bar.textLabel()->palette().color(QPalette::WindowText);
-    EXPECT_GT(orange.red(), orange.blue());
+    EXPECT_EQ(colour(bar.iconLabel()), Theme::systemOrange());
+    EXPECT_EQ(colour(bar.textLabel()), Theme::systemOrange());
     bar.setStatus(ConnectionStatus::idle());
     EXPECT_TRUE(bar.iconLabel()->text().isEmpty());
     EXPECT_TRUE(bar.textLabel()->text().isEmpty());
     EXPECT_EQ(bar.height(), 24);
+}
+
+TEST(StatusBar, ColoursFollowTheTableAndSomeCasesKeepThePreviousOnes) {
+    StatusBarView bar;
+    bar.setStatus(ConnectionStatus::connected(QString("a")));
+    EXPECT_EQ(colour(bar.iconLabel()), Theme::systemGreen());
+    EXPECT_EQ(colour(bar.textLabel()), Theme::secondaryLabel());
+    bar.setStatus(ConnectionStatus::reconnecting(2));
+    EXPECT_EQ(colour(bar.iconLabel()), Theme::systemOrange());
+    EXPECT_EQ(colour(bar.textLabel()), Theme::systemOrange());
+    // "connecting" leaves the icon's colour as it was and greys the text; "idle" changes no colour.
+    bar.setStatus(ConnectionStatus::connecting());
+    EXPECT_EQ(colour(bar.iconLabel()), Theme::systemOrange());
+    EXPECT_EQ(colour(bar.textLabel()), Theme::secondaryLabel());
+    bar.setStatus(ConnectionStatus::connected());
+    bar.setStatus(ConnectionStatus::idle());
+    EXPECT_EQ(colour(bar.iconLabel()), Theme::systemGreen());
+    EXPECT_EQ(bar.currentStatus().kind, ConnectionStatus::Kind::idle);
 }
 
 namespace {
@@ -94,4 +117,42 @@ TEST(Chooser, CancelAndEscapeTellTheWorkspaceOnce) {
     orphan.show();
     orphan.cancelButton->click();
     EXPECT_FALSE(orphan.isVisible());
+}
+
+TEST(Chooser, LongRowsAreShortenedAndTheSelectedRowReadsOnTheHighlight) {
+    const std::string longCwd = "/home/carol/work/clients/northwind/deployments/2026/november/staging/services/api-gateway";
+    ControllerListViewController c({{"c1", "alice", "/home/alice", std::nullopt}, {"c2", "carol", longCwd, std::string("12")}},
+                                   2, 2);
+    const auto labels = [&](int row) { return c.tableView->itemWidget(c.tableView->item(row))->findChildren<QLabel*>(); };
+    QLabel* cwd = labels(1).at(1);
+    EXPECT_LE(cwd->sizeHint().width(), c.tableView->width());
+    EXPECT_TRUE(cwd->text().contains(QChar(0x2026)));  // shortened in the middle...
+    EXPECT_TRUE(cwd->text().startsWith("/home/carol"));
+    EXPECT_TRUE(cwd->text().endsWith("api-gateway"));
+    EXPECT_EQ(cwd->toolTip(), QString::fromStdString(longCwd));  // ...and whole in the tip
+    EXPECT_EQ(labels(0).at(1)->text(), "/home/alice");
+
+    c.tableView->setCurrentRow(0);
+    const QColor onHighlight = c.palette().color(QPalette::HighlightedText);
+    EXPECT_EQ(colour(labels(0).at(0)), onHighlight);
+    EXPECT_EQ(colour(labels(1).at(0)), Theme::label());
+    EXPECT_EQ(colour(labels(1).at(2)), Theme::systemBlue());
+    c.tableView->setCurrentRow(1);
+    EXPECT_EQ(colour(labels(0).at(0)), Theme::label());
+    EXPECT_EQ(colour(labels(1).at(2)), onHighlight);
+    ASSERT_TRUE(c.selectedController());
+    EXPECT_EQ(c.selectedController()->id, "c2");
+}
+
+TEST(Chooser, AnEmptyListNeverEnablesTakeover) {
+    ChooserDelegate d;
+    ControllerListViewController c({}, 1, 1);
+    c.setDelegate(&d);
+    c.show();
+    c.tableView->setCurrentRow(0);
+    EXPECT_FALSE(c.takeoverButton->isEnabled());
+    QTest::keyClick(&c, Qt::Key_Return);  // the default button is disabled: Return does nothing
+    EXPECT_TRUE(d.chosen.empty());
+    EXPECT_EQ(d.cancels, 0);
+    EXPECT_FALSE(c.selectedController().has_value());
 }

@@ -192,6 +192,7 @@ TEST_F(SessionControllerTest, ClosingTheLastTabShowsThePlaceholderAndRefreshesTh
     c.didReceiveOutput(b64("__OSTVARREN_READY__"), a);
     const int64_t b = openAndWaitForSetup("/b");
     c.didReceiveOutput(b64("__OSTVARREN_READY__"), b);
+    EXPECT_EQ(link.ofType("LIST_PTY").size(), 2u);  // each revealed session refreshes the list at once
     c.closeAndCleanupPty(a);
     EXPECT_EQ(terminal.tabs, QList<int64_t>{b});
     EXPECT_TRUE(terminal.emptyState.isEmpty());
@@ -199,7 +200,7 @@ TEST_F(SessionControllerTest, ClosingTheLastTabShowsThePlaceholderAndRefreshesTh
     EXPECT_TRUE(terminal.tabs.isEmpty());
     EXPECT_EQ(terminal.emptyState, "选择目录以启动终端");
     EXPECT_EQ(link.closed, (std::vector<int64_t>{a, b}));
-    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == 2; }, 2000));
+    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == 4; }, 2000));
 }
 
 TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QApplication>
+#include <QEnterEvent>
+#include <QGraphicsOpacityEffect>
 #include <QJsonDocument>
 #include <QWebEnginePage>
 #include <QWebEngineView>
@@ -190,6 +193,43 @@ TEST_F(TerminalViewTest, FloodPausesTheLinkUntilThePageCatchesUp) {
     EXPECT_FALSE(link.paused);
 }
 
+TEST_F(TerminalViewTest, EveryByteHandedOverIsAcknowledgedExactly) {
+    // Echoes are one or two bytes: their base64 ends in padding. Counting them by their text length
+    // would leave a remainder per chunk that piles up until the link pauses for good.
+    waitReady();
+    tabs({1, 2});
+    int64_t sent = 0;
+    for (int i = 0; i < 300; ++i) {
+        const QByteArray bytes = QByteArray(1 + i % 3, char('a' + i % 26));
+        view->writeOutput(b64(bytes), 1 + i % 2);
+        sent += bytes.size();
+    }
+    ASSERT_TRUE(waitUntil([&] { return view->acknowledgedBytesTotal() == sent; }, 20000))
+        << view->acknowledgedBytesTotal() << " of " << sent;
+    EXPECT_EQ(view->unacknowledgedBytes(), 0);
+    // Closing a tab with output still in the page forgets its share.
+    view->writeOutput(b64(QByteArray(64 * 1024, 'z')), 2);
+    view->closeTab(2);
+    EXPECT_EQ(view->unacknowledgedBytes(), 0);
+}
+
+TEST_F(TerminalViewTest, OutputThatIsNotBase64NeverReachesThePage) {
+    waitReady();
+    tabs({1});
+    StdoutCapture log;
+    for (const char* bad : {"');document.title='owned';('", "YWJj\nZA==", "YWJ", "YW=j", "Y===", "YWJj ZGVm"})
+        view->writeOutput(bad, 1);
+    view->writeOutput(b64("still fine"), 1);
+    ASSERT_TRUE(pageShows(1, "still fine"));
+    EXPECT_NE(eval("document.title").toString(), "owned");
+    for (const QString& s : scripts) EXPECT_FALSE(s.contains("owned")) << s.toStdString();
+    EXPECT_TRUE(waitUntil([&] { return view->unacknowledgedBytes() == 0; }, 5000));  // nothing counted for them
+    EXPECT_NE(log.text().find("is not base64"), std::string::npos);
+    EXPECT_TRUE(TerminalView::isWellFormedBase64(""));
+    EXPECT_TRUE(TerminalView::isWellFormedBase64("YQ=="));
+    EXPECT_TRUE(TerminalView::isWellFormedBase64("+/9a"));
+}
+
 TEST_F(TerminalViewTest, LatencyColoursAndEscaping) {
     view->updateLatency(42);
     EXPECT_EQ(view->latencyLabel()->text(), "42ms");
@@ -203,6 +243,56 @@ TEST_F(TerminalViewTest, LatencyColoursAndEscaping) {
     EXPECT_NE(yellow, green);
     EXPECT_NE(yellow, red);
     EXPECT_EQ(TerminalView::escapeForScript("a'b\\c\nd"), "a\\'b\\\\c\\nd");
+}
+
+double closeOpacity(const TabItemView& tab) {
+    return static_cast<QGraphicsOpacityEffect*>(tab.closeButton()->graphicsEffect())->opacity();
+}
+
+TEST(TabItemViewTest, CloseButtonFollowsStateAndHoverWithAFade) {
+    TabItemView tab(7, "shell");
+    tab.resize(120, 26);
+    tab.show();
+    EXPECT_EQ(closeOpacity(tab), 0.0);  // starts hidden
+    tab.setState(TabItemView::State::inactive);
+    EXPECT_FALSE(tab.closeButtonShown());
+
+    QEnterEvent enter(QPointF(5, 5), QPointF(5, 5), QPointF(5, 5));
+    QApplication::sendEvent(&tab, &enter);
+    EXPECT_TRUE(tab.isHovered());
+    EXPECT_TRUE(tab.closeButtonShown());
+    ASSERT_TRUE(waitUntil([&] { return qFuzzyCompare(closeOpacity(tab), 0.8); }, 2000)) << closeOpacity(tab);
+
+    QEvent leave(QEvent::Leave);
+    QApplication::sendEvent(&tab, &leave);
+    EXPECT_FALSE(tab.isHovered());
+    EXPECT_FALSE(tab.closeButtonShown());
+    EXPECT_GT(closeOpacity(tab), 0.0);  // fading, not gone at once
+    ASSERT_TRUE(waitUntil([&] { return closeOpacity(tab) == 0.0; }, 2000));
+
+    for (auto s : {TabItemView::State::active, TabItemView::State::terminated}) {
+        tab.setState(s);
+        EXPECT_TRUE(tab.closeButtonShown()) << static_cast<int>(s);
+    }
+}
+
+TEST(TabItemViewTest, LongTitleIsElidedButKeptWhole) {
+    const QString longTitle = QStringLiteral("a very long session title that cannot fit into a narrow tab");
+    TabItemView tab(1, longTitle);
+    tab.resize(90, 26);
+    tab.show();
+    spin(50);
+    EXPECT_EQ(tab.title(), longTitle);
+    EXPECT_EQ(tab.toolTip(), longTitle);
+    const auto* label = tab.findChild<QLabel*>();
+    ASSERT_NE(label, nullptr);
+    EXPECT_TRUE(label->text().endsWith(QChar(0x2026))) << label->text().toStdString();
+    EXPECT_LE(label->fontMetrics().horizontalAdvance(label->text()), label->width());
+    EXPECT_EQ(tab.sizeHint().width(), 200);  // asks for the most a tab may take
+    tab.resize(800, 26);
+    spin(50);
+    EXPECT_EQ(label->text().toStdString(), longTitle.toStdString());
+    EXPECT_TRUE(tab.toolTip().isEmpty());
 }
 
 }  // namespace

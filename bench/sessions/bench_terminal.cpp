@@ -1,0 +1,445 @@
+// The terminal as a user meets it: the real application window against the real local server, with
+// shells on real PTYs. Prints three sets of figures:
+//
+//   throughput  a shell cats a large file; bytes per second until the page has written (acknowledged)
+//               all of it, against the page's own write rate for the same bytes fed from memory in the
+//               same run, in chunks of the size the relay delivered. Target: ratio at least 0.8.
+//   keystroke   a key typed into the terminal ("termInput") until its echo is written into the page,
+//               p50 and p99 over loopback. Target: p99 at most 5 ms.
+//   memory      two tabs flooded by `yes` while a third is typed into; peak resident memory of the
+//               client's processes (the program and its web engine helpers, not the server) against
+//               the idle figure. Target: at most 1.5 times idle. Typing in the third tab is timed too.
+//
+//   bench_terminal [throughput|keystroke|memory|all] [--file-mib N] [--keys N] [--flood-seconds N]
+//                  [--chunk-bytes N]   (of the feed from memory; default: the size the relay delivered)
+//
+// Runs headless by itself (offscreen); under xvfb-run or a desktop pass -platform xcb to see it.
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QTimer>
+#include <QWebEnginePage>
+#include <QWebEngineView>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+#include <unistd.h>
+
+#include "AdminAPIClient.h"
+#include "AppDelegate.h"
+#include "AppWiring.h"
+#include "ClientIdentity.h"
+#include "ConnectionManager.h"
+#include "LocalServer.h"
+#include "LoginViewController.h"
+#include "MainViewController.h"
+#include "ServerConfig.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using namespace ostv::test;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+struct Options {
+    QString what = QStringLiteral("all");
+    int fileMiB = 48;
+    int keys = 400;
+    int floodSeconds = 60;
+    int chunkBytes = 0;  // of the feed from memory; 0: the size the relay delivered
+};
+
+double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
+
+double percentile(std::vector<double> v, double p) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    const size_t i = std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5));
+    return v[i];
+}
+
+// ---- resident memory of a process tree ----
+
+std::map<pid_t, pid_t> parentsOfAll() {
+    std::map<pid_t, pid_t> parents;
+    for (const QString& name : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool ok = false;
+        const pid_t pid = name.toInt(&ok);
+        if (!ok) continue;
+        QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
+        if (!f.open(QIODevice::ReadOnly)) continue;
+        const QByteArray stat = f.readAll();
+        const qsizetype close = stat.lastIndexOf(')');  // the command name may hold spaces
+        if (close < 0) continue;
+        const QList<QByteArray> fields = stat.mid(close + 2).split(' ');
+        if (fields.size() > 1) parents[pid] = static_cast<pid_t>(fields[1].toInt());
+    }
+    return parents;
+}
+
+long rssKb(pid_t pid) {
+    QFile f(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return 0;
+    for (const QByteArray& line : f.readAll().split('\n'))
+        if (line.startsWith("VmRSS:")) return line.mid(6).trimmed().split(' ').first().toLong();
+    return 0;
+}
+
+QString processName(pid_t pid) {
+    QFile f(QStringLiteral("/proc/%1/cmdline").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return QStringLiteral("?");
+    const QList<QByteArray> argv = f.readAll().split('\0');
+    QString name = QString::fromLocal8Bit(argv.value(0)).section('/', -1);
+    for (const QByteArray& a : argv)
+        if (a.startsWith("--type=")) name += QLatin1Char(' ') + QString::fromLatin1(a.mid(7));
+    return name;
+}
+
+// Resident memory of this program and every process below it, except the server's subtree, in KiB.
+struct TreeMemory {
+    long total = 0;
+    std::map<QString, long> byProcess;  // "name pid" -> KiB
+};
+
+TreeMemory clientMemory(pid_t server) {
+    const auto parents = parentsOfAll();
+    std::set<pid_t> tree{getpid()};
+    for (bool grew = true; grew;) {
+        grew = false;
+        for (const auto& [pid, parent] : parents)
+            if (pid != server && tree.count(parent) && tree.insert(pid).second) grew = true;
+    }
+    TreeMemory m;
+    for (pid_t pid : tree) {
+        const long kb = rssKb(pid);
+        m.total += kb;
+        m.byProcess[processName(pid) + QStringLiteral(" %1").arg(pid)] = kb;
+    }
+    return m;
+}
+
+void keepPeak(TreeMemory& peak, const TreeMemory& now) {
+    peak.total = std::max(peak.total, now.total);
+    for (const auto& [name, kb] : now.byProcess) peak.byProcess[name] = std::max(peak.byProcess[name], kb);
+}
+
+// ---- the application ----
+
+class Bench {
+public:
+    std::unique_ptr<LocalServer> server;
+    std::unique_ptr<AppDelegate> app;
+
+    bool start() {
+        SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("bench") + "/secrets.json");
+        ServerConfig::defaults().clear();
+        server = std::make_unique<LocalServer>(QStringList{"--agents", "1"});
+        if (!server->start()) return fail("the local server did not start: " + server->errorString());
+        ServerConfig::setString(SettingsKey::serverHost, server->host());
+        ServerConfig::setInteger(SettingsKey::serverQuicPort, server->quicPort());
+        ServerConfig::setInteger(SettingsKey::adminServerPort, server->adminPort());
+        app = std::make_unique<AppDelegate>();
+        wireApplication(*app);
+        app->applicationDidFinishLaunching();
+        app->window()->resize(1280, 800);
+
+        auto* login = qobject_cast<LoginViewController*>(app->currentScreen());
+        if (!login) return fail("no login screen");
+        login->onLoginClicked();
+        if (!waitUntil([&] { return workspace() && workspace()->hostListView->hosts().size() == 1; }, 15000))
+            return fail("not signed in");
+        MainViewController* w = workspace();
+        const Host host = w->hostListView->hosts().at(0);
+        w->hostListViewDidSelectHost(w->hostListView, host);
+        w->hostListViewDidDoubleClickHost(w->hostListView, host);
+        if (!w->currentConnectPanel) return fail("no connect panel");
+        w->currentConnectPanel->codeField->setText(host.agentCode);
+        w->currentConnectPanel->onPair();
+        if (!waitUntil([&] { return w->currentConnectPanel && w->currentConnectPanel->isPaired(); }, 15000))
+            return fail("not paired");
+        w->currentConnectPanel->onConfirm();
+        if (!waitUntil([&] { return view()->tabIds().size() == 1 && view()->isWebViewReady; }, 30000))
+            return fail("no first shell");
+        return settle(view()->tabIds().first());
+    }
+
+    void stop() {
+        ConnectionManager::shared().disconnect();
+        app.reset();
+        AdminAPIClient::shared().resetSession();
+        server.reset();
+        SecretStore::useFileStoreOnlyForTesting(false);
+    }
+
+    MainViewController* workspace() const { return qobject_cast<MainViewController*>(app->currentScreen()); }
+    TerminalView* view() const { return workspace()->terminalView; }
+
+    // A new shell tab in a folder of its own (one session per folder); answers its PTY id, or -1.
+    int64_t newTab(const QString& title) {
+        const qsizetype before = view()->tabIds().size();
+        workspace()->sessions().allocateAndCreatePty(title, std::nullopt, std::nullopt, makeTempDir(title));
+        if (!waitUntil([&] { return view()->tabIds().size() == before + 1; }, 20000)) {
+            fail("no new tab " + title);
+            return -1;
+        }
+        const int64_t id = view()->tabIds().last();
+        return settle(id) ? id : -1;
+    }
+
+    // Waits until the shell of the tab answers: its prompt has come and a typed command ran.
+    bool settle(int64_t id) {
+        const QString mark = QStringLiteral("ready-%1").arg(id);
+        type(id, QStringLiteral("echo %1-$((6*7))\r").arg(mark));
+        if (!waitUntil([&] { return pageText(id).contains(mark + "-42"); }, 20000))
+            return fail(QStringLiteral("the shell of tab %1 does not answer").arg(id));
+        return true;
+    }
+
+    // Types into the terminal as the keyboard does (the terminal's own input path, then "termInput").
+    void type(int64_t id, const QString& text) {
+        js(QStringLiteral("terminals.get(%1).term.input('%2')").arg(id).arg(TerminalView::escapeForScript(text)));
+    }
+
+    void js(const QString& script) { view()->webView()->page()->runJavaScript(script); }
+
+    QVariant eval(const QString& script, int timeoutMs = 10000) {
+        QVariant result;
+        bool done = false;
+        view()->webView()->page()->runJavaScript(script, [&](const QVariant& v) { result = v; done = true; });
+        waitUntil([&] { return done; }, timeoutMs);
+        return result;
+    }
+
+    QString pageText(int64_t id) { return eval(QStringLiteral("__terminalText(%1)").arg(id)).toString(); }
+
+    bool fail(const QString& why) {
+        std::fprintf(stderr, "bench_terminal: %s\n", why.toLocal8Bit().constData());
+        return false;
+    }
+};
+
+// ---- throughput ----
+
+// A build log of sorts: numbered lines of varied length, some colour, some Chinese.
+QByteArray makeLog(int mib) {
+    QByteArray out;
+    out.reserve(mib * 1024 * 1024 + 4096);
+    static const char* words[] = {"compiling", "linking", "src/core/Message.cpp", "warning:", "ok", "模块", "完成",
+                                  "-Wall", "-O2", "target", "relay", "终端输出"};
+    for (int line = 0; out.size() < mib * 1024 * 1024; ++line) {
+        out += QByteArray::number(line).rightJustified(7, '0');
+        if (line % 17 == 0) out += " \x1b[32mPASS\x1b[0m";
+        for (int w = 0; w < 6 + line % 9; ++w) {
+            out += ' ';
+            out += words[(line * 7 + w * 3) % 12];
+        }
+        out += '\n';
+    }
+    return out;
+}
+
+bool throughput(Bench& b, const Options& o) {
+    const int64_t id = b.view()->tabIds().first();
+    b.view()->switchTab(id);
+    const QByteArray log = makeLog(o.fileMiB);
+    const QString path = makeTempDir("log") + "/build.log";
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly) || f.write(log) != log.size()) return b.fail("cannot write " + path);
+    f.close();
+    QByteArray shown = log;  // what the terminal receives: the PTY turns each line feed into CR LF
+    shown.replace("\n", "\r\n");
+
+    // End to end: the shell prints the file; done when the page has written that many bytes.
+    const int64_t chunks0 = b.view()->outputChunksTotal();
+    const int64_t acked0 = b.view()->acknowledgedBytesTotal();
+    const auto t0 = Clock::now();
+    b.type(id, QStringLiteral("cat %1\r").arg(path));
+    if (!waitUntil([&] { return b.view()->acknowledgedBytesTotal() - acked0 >= shown.size(); }, 600000))
+        return b.fail("the file never reached the page");
+    const double e2eSecs = secondsSince(t0);
+    spin(1000);
+    const int chunks = static_cast<int>(b.view()->outputChunksTotal() - chunks0);
+    const int chunkSize = o.chunkBytes > 0 ? o.chunkBytes
+                                           : static_cast<int>(std::clamp<int64_t>(shown.size() / std::max(1, chunks), 256, 256 * 1024));
+
+    // From memory: the same bytes, in chunks of the size the relay delivered, into the same terminal
+    // (its shell idles at the prompt), handed over as fast as the view takes them: the feed stops while
+    // the view has paused the relay.
+    std::vector<std::string> feed;
+    for (qsizetype at = 0; at < shown.size(); at += chunkSize) feed.push_back(shown.mid(at, chunkSize).toBase64().toStdString());
+    const int64_t acked1 = b.view()->acknowledgedBytesTotal();
+    size_t next = 0;
+    QTimer feeder;
+    QObject::connect(&feeder, &QTimer::timeout, [&] {
+        for (qsizetype handed = 0; next < feed.size() && !b.view()->receivePaused() && handed < 1024 * 1024; ++next) {
+            b.view()->writeOutput(feed[next], id);
+            handed += chunkSize;
+        }
+    });
+    const auto t1 = Clock::now();
+    feeder.start(0);
+    if (!waitUntil([&] { return b.view()->acknowledgedBytesTotal() - acked1 >= shown.size(); }, 600000))
+        return b.fail("the page never wrote the bytes fed from memory");
+    const double memSecs = secondsSince(t1);
+    feeder.stop();
+    b.js(QStringLiteral("clearTerminal(%1)").arg(id));
+
+    const double mb = static_cast<double>(shown.size()) / 1e6;
+    std::printf("throughput: %.1f MB of terminal output (%d chunks of about %d bytes from the relay)\n", mb, chunks,
+                chunkSize);
+    std::printf("  shell on the local server to page   %7.2f s  %7.2f MB/s\n", e2eSecs, mb / e2eSecs);
+    std::printf("  memory to page                      %7.2f s  %7.2f MB/s\n", memSecs, mb / memSecs);
+    std::printf("  ratio                               %7.2f    (target >= 0.80)\n", memSecs / e2eSecs);
+    std::printf("  renderer                            %s\n",
+                b.eval("__pageState().renderer").toString().toLocal8Bit().constData());
+    return true;
+}
+
+// ---- keystrokes ----
+
+struct EchoFigures {
+    size_t samples = 0;
+    double p50 = 0, p99 = 0, max = 0;
+};
+
+// Types `keys` characters into a `cat` in tab `id`, one every `gapMs`, and reads the echo times the page
+// measured. With `during` set, it is called between keys (to sample something else meanwhile).
+EchoFigures echoTimes(Bench& b, int64_t id, int keys, int gapMs, const std::function<void()>& during = {}) {
+    b.type(id, QStringLiteral("cat\r"));
+    spin(500);
+    b.eval("__startEchoProbe()");
+    for (int i = 0; i < keys; ++i) {
+        b.type(id, (i % 60 == 59) ? QStringLiteral("\r") : QString(QChar('a' + i % 26)));
+        spin(gapMs);
+        if (during) during();
+    }
+    spin(500);
+    std::vector<double> samples;
+    for (const QVariant& v : b.eval("__echoSamples()").toList()) samples.push_back(v.toDouble());
+    b.type(id, QStringLiteral("\x03"));  // ends the cat
+    EchoFigures f;
+    f.samples = samples.size();
+    f.p50 = percentile(samples, 0.50);
+    f.p99 = percentile(samples, 0.99);
+    f.max = samples.empty() ? 0 : *std::max_element(samples.begin(), samples.end());
+    return f;
+}
+
+bool keystroke(Bench& b, const Options& o) {
+    const int64_t id = b.view()->tabIds().first();
+    b.view()->switchTab(id);
+    spin(300);
+    const EchoFigures f = echoTimes(b, id, o.keys, 15);
+    std::printf("keystroke round trip: %d keys typed into cat, %zu echoes timed in the page\n", o.keys, f.samples);
+    std::printf("  p50 %.2f ms   p99 %.2f ms (target <= 5)   max %.2f ms\n", f.p50, f.p99, f.max);
+    return f.samples > 0 || b.fail("no echo was timed");
+}
+
+// ---- memory under a flood ----
+
+bool memory(Bench& b, const Options& o) {
+    const int64_t a = b.view()->tabIds().first();
+    const int64_t c = b.newTab(QStringLiteral("flood-2"));
+    const int64_t typing = b.newTab(QStringLiteral("typing"));
+    if (c < 0 || typing < 0) return false;
+    b.view()->switchTab(c);
+    spin(3000);
+    const pid_t server = b.server->pid();
+    TreeMemory idle;
+    for (int i = 0; i < 8; ++i, spin(250)) keepPeak(idle, clientMemory(server));
+
+    for (int64_t id : {a, c}) b.type(id, QStringLiteral("yes 'ostvarren flood: the quick brown fox 敏捷的狐狸 jumps'\r"));
+    const auto t0 = Clock::now();
+    TreeMemory peak;
+    int pausedSamples = 0, samples = 0;
+    auto sample = [&] {
+        keepPeak(peak, clientMemory(server));
+        ++samples;
+        if (b.view()->receivePaused()) ++pausedSamples;
+    };
+    const int64_t acked0 = b.view()->acknowledgedBytesTotal();
+    // Typing in the third tab for part of the time, then sampling until the time is up.
+    const int keys = std::max(20, std::min(o.floodSeconds * 1000 / 4 / 50, 300));
+    int tick = 0;
+    const EchoFigures f = echoTimes(b, typing, keys, 50, [&] {
+        if (++tick % 5 == 0) sample();
+    });
+    while (secondsSince(t0) < o.floodSeconds) {
+        spin(250);
+        sample();
+    }
+    const double secs = secondsSince(t0);
+    const int64_t written = b.view()->acknowledgedBytesTotal() - acked0;
+    for (int64_t id : {a, c}) b.type(id, QStringLiteral("\x03"));
+    spin(2000);
+    const TreeMemory after = clientMemory(server);
+
+    std::printf("memory under a flood: `yes` in two tabs for %.0f s, typing in a third\n", secs);
+    std::printf("  client RSS idle   %8ld KiB\n", idle.total);
+    std::printf("  client RSS peak   %8ld KiB  ratio %.2f (target <= 1.50)\n", peak.total,
+                static_cast<double>(peak.total) / static_cast<double>(std::max(1L, idle.total)));
+    std::printf("  client RSS after  %8ld KiB\n", after.total);
+    for (const auto& [name, kb] : peak.byProcess)
+        std::printf("    %-40s idle %8ld  peak %8ld  after %8ld KiB\n", name.toLocal8Bit().constData(),
+                    idle.byProcess.count(name) ? idle.byProcess.at(name) : 0L, kb,
+                    after.byProcess.count(name) ? after.byProcess.at(name) : 0L);
+    std::printf("  written by the page %.1f MB (%.1f MB/s); relay reading paused in %d of %d samples\n",
+                static_cast<double>(written) / 1e6, static_cast<double>(written) / 1e6 / secs, pausedSamples, samples);
+    std::printf("  typing in the third tab meanwhile: %zu echoes, p50 %.2f ms  p99 %.2f ms  max %.2f ms\n", f.samples,
+                f.p50, f.p99, f.max);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    prepareEnvironment();
+    QCoreApplication::setOrganizationName("Ostvarren");
+    QCoreApplication::setApplicationName("Ostvarren");
+    QApplication qapp(argc, argv);
+    isolateSettings();
+
+    Options o;
+    const QStringList args = QCoreApplication::arguments().mid(1);
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        const QString& arg = args[i];
+        auto number = [&](int& into) {
+            bool ok = false;
+            const int v = i + 1 < args.size() ? args[i + 1].toInt(&ok) : 0;
+            if (ok && v > 0) into = v;
+            ++i;
+            return ok && v > 0;
+        };
+        bool ok = true;
+        if (arg == "--file-mib") ok = number(o.fileMiB);
+        else if (arg == "--keys") ok = number(o.keys);
+        else if (arg == "--flood-seconds") ok = number(o.floodSeconds);
+        else if (arg == "--chunk-bytes") ok = number(o.chunkBytes);
+        else if (arg == "throughput" || arg == "keystroke" || arg == "memory" || arg == "all") o.what = arg;
+        else ok = false;
+        if (!ok) {
+            std::fprintf(stderr,
+                         "usage: bench_terminal [throughput|keystroke|memory|all] [--file-mib N] [--keys N] "
+                         "[--flood-seconds N] [--chunk-bytes N]\n");
+            return 2;
+        }
+    }
+
+    Bench b;
+    bool ok = b.start();
+    if (ok) {
+        std::printf("renderer in the page: %s\n", b.eval("__pageState().renderer").toString().toLocal8Bit().constData());
+        if (ok && (o.what == "all" || o.what == "keystroke")) ok = keystroke(b, o);
+        if (ok && (o.what == "all" || o.what == "throughput")) ok = throughput(b, o);
+        if (ok && (o.what == "all" || o.what == "memory")) ok = memory(b, o);
+    }
+    std::fflush(stdout);
+    b.stop();
+    return ok ? 0 : 1;
+}
