@@ -45,6 +45,8 @@ bool isLoopback(const sockaddr* a) {
     return false;
 }
 
+constexpr uint64_t kClientStreamWindow = 1024 * 1024;
+
 void commonSettings(ngtcp2_settings& s, const sockaddr* remote) {
     ngtcp2_settings_default(&s);
     s.initial_ts = quicTimestamp();
@@ -158,6 +160,14 @@ bool QuicEngine::startClient(const sockaddr* local, socklen_t localLen, const so
     commonSettings(settings, remote);
     ngtcp2_transport_params params;
     commonParams(params);
+    // What the client may be sent ahead of what it has read. Terminal output is only read as fast as the
+    // page writes it (tens of MB/s at most); everything in this window queues in front of the next
+    // keystroke's echo while reading is paused, so it is kept to what that rate needs, even over a
+    // distant link.
+    params.initial_max_stream_data_bidi_local = kClientStreamWindow;
+    params.initial_max_data = kClientStreamWindow + 256 * 1024;
+    settings.max_stream_window = kClientStreamWindow;
+    settings.max_window = kClientStreamWindow + 256 * 1024;
     params.initial_max_streams_bidi = 0;
     params.initial_max_streams_uni = 0;
     ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};

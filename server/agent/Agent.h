@@ -64,7 +64,7 @@ struct AgentConfig {
 class Agent : public QObject {
     Q_OBJECT
 public:
-    static constexpr size_t kOutputHighWater = 1024 * 1024;
+    static constexpr size_t kOutputHighWater = 256 * 1024;
     static constexpr size_t kBacklogBytes = 64 * 1024;
     static constexpr size_t kMaxListing = 20000;  // directory entries in one "fs_result"
 

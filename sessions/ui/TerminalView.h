@@ -119,7 +119,7 @@ public:
     int64_t outputChunksTotal() const { return outputChunks_; }  // writeOutput calls handed to the page
     bool receivePaused() const { return receivePaused_; }
     static constexpr int64_t kPauseAbove = 2 * 1024 * 1024;
-    static constexpr int64_t kResumeBelow = 512 * 1024;
+    static constexpr int64_t kResumeBelow = 1536 * 1024;
 
     // Every script call the view issues, in order (diagnostics and tests; bounded).
     std::function<void(const QString&)> scriptObserver;
