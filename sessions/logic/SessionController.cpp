@@ -317,6 +317,9 @@ void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
 
     activeSessions.clear();
     for (const PtyInfo& p : running) activeSessions[p.ptyId] = QString::fromStdString(p.cwd);
+    // A list asked for before a session was created does not know it yet (the agent answers in order);
+    // a session still being set up stays active, or the same folder could open twice.
+    for (const auto& [id, ctx] : pendingSetup) activeSessions.try_emplace(id, ctx.sessionPath);
 
     const QString clientId = ClientIdentity::getOrCreate();
     const QString nickname = userNickname();

@@ -147,6 +147,16 @@ TEST_F(SessionControllerTest, TheSameDirectoryTwiceSwitchesAndSendsNothing) {
     EXPECT_EQ(c.normalizePath("~/x/"), "~/x");  // no home known: left as it is, minus the slash
 }
 
+TEST_F(SessionControllerTest, AListAskedForBeforeASessionWasCreatedKeepsItActive) {
+    const int64_t id = openAndWaitForSetup("/home/u/late");
+    c.didReceivePtyList({{9, "/home/u/other", "running", "c-x", "someone-else"}});  // without the new one
+    EXPECT_EQ(c.activeSessions.at(id), "/home/u/late");
+    EXPECT_EQ(c.activeSessions.at(9), "/home/u/other");
+    const size_t before = link.sent.size();
+    c.allocateAndCreatePty("again", std::nullopt, std::nullopt, "/home/u/late");
+    EXPECT_EQ(link.sent.size(), before);  // still one session for the folder
+}
+
 TEST_F(SessionControllerTest, NotConnectedSkipsMessagesButKeepsBookkeeping) {
     link.connected = false;
     c.isConnected = false;
