@@ -10,6 +10,7 @@
 #include "Fakes.h"
 #include "TabItemView.h"
 #include "TerminalView.h"
+#include "Theme.h"
 #include "TestSupport.h"
 
 using namespace ostv;
@@ -296,3 +297,19 @@ TEST(TabItemViewTest, LongTitleIsElidedButKeptWhole) {
 }
 
 }  // namespace
+
+TEST_F(TerminalViewTest, ThePageFollowsTheApplicationsAppearanceLive) {
+    waitReady();
+    view->createTab(1, "a");
+    const QPalette before = QApplication::palette();
+    auto pageLooks = [&] {
+        return eval("document.body.className + ' ' + terminals.get(1).term.options.theme.background").toString();
+    };
+    QApplication::setPalette(Theme::palette(true));
+    EXPECT_TRUE(waitUntil([&] { return pageLooks().startsWith("dark "); }, 5000)) << pageLooks().toStdString();
+    const QString darkBackground = pageLooks().section(' ', 1);
+    QApplication::setPalette(Theme::palette(false));
+    EXPECT_TRUE(waitUntil([&] { return pageLooks().startsWith("light "); }, 5000)) << pageLooks().toStdString();
+    EXPECT_NE(pageLooks().section(' ', 1), darkBackground);  // the terminal's own colours changed too
+    QApplication::setPalette(before);
+}
