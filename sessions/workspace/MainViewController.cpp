@@ -2,6 +2,7 @@
 
 #include <QHBoxLayout>
 #include <QMessageBox>
+#include <QPainter>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -15,13 +16,18 @@
 namespace ostv {
 
 namespace {
+// A one-pixel line between the panels, drawn in the border colour of the current appearance.
+class Divider : public QWidget {
+public:
+    using QWidget::QWidget;
+
+protected:
+    void paintEvent(QPaintEvent*) override { QPainter(this).fillRect(rect(), Theme::border()); }
+};
+
 QWidget* divider(QWidget* parent, bool vertical) {
-    auto* d = new QWidget(parent);
+    auto* d = new Divider(parent);
     if (vertical) d->setFixedWidth(1); else d->setFixedHeight(1);
-    d->setAutoFillBackground(true);
-    QPalette p = d->palette();
-    p.setColor(QPalette::Window, Theme::border());
-    d->setPalette(p);
     return d;
 }
 QString qs(const std::string& s) { return QString::fromStdString(s); }
