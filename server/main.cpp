@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <unistd.h>
 #include <vector>
@@ -93,13 +94,20 @@ int main(int argc, char** argv) {
     ::sigaction(SIGINT, &sa, nullptr);
     ::sigaction(SIGTERM, &sa, nullptr);
     ::sigaction(SIGHUP, &sa, nullptr);
+    ::sigaction(SIGUSR1, &sa, nullptr);  // the relay goes away; the agents and their shells stay
+    ::sigaction(SIGUSR2, &sa, nullptr);  // the relay comes back on the same port
     ::signal(SIGPIPE, SIG_IGN);
+    std::function<void()> relayDown, relayUp;
     QSocketNotifier stopNotifier(signalPipe[0], QSocketNotifier::Read);
     QObject::connect(&stopNotifier, &QSocketNotifier::activated, &app, [&] {
         unsigned char b = 0;
+        bool stop = false;
         while (::read(signalPipe[0], &b, 1) == 1) {
+            if (b == SIGUSR1 && relayDown) relayDown();
+            else if (b == SIGUSR2 && relayUp) relayUp();
+            else if (b != SIGUSR1 && b != SIGUSR2) stop = true;
         }
-        QCoreApplication::quit();
+        if (stop) QCoreApplication::quit();
     });
 
     SystemLoad load;
@@ -146,19 +154,54 @@ int main(int argc, char** argv) {
     if (!admin.listen(bindAddress, static_cast<quint16>(opt.adminPort)))
         return fail(QStringLiteral("cannot listen for the admin API on %1:%2").arg(opt.bind).arg(opt.adminPort));
 
-    QuicServer quic;
-    quic.onConnection = [&relay](QuicConnection* c) { relay.accept(new QuicControllerLink(c)); };
-    if (!quic.listen(bindAddress, static_cast<quint16>(opt.quicPort)))
+    auto quic = std::make_unique<QuicServer>();
+    quic->onConnection = [&relay](QuicConnection* c) { relay.accept(new QuicControllerLink(c)); };
+    if (!quic->listen(bindAddress, static_cast<quint16>(opt.quicPort)))
         return fail(QStringLiteral("cannot listen for the relay on %1:%2: %3")
                         .arg(opt.bind)
                         .arg(opt.quicPort)
-                        .arg(quic.errorString()));
+                        .arg(quic->errorString()));
+    const quint16 relayPort = quic->port();
+
+    // Stopping only the relay (SIGUSR1) ends every controller's connection as a relay that goes away
+    // would, while the agents keep their shells for the controllers' return; SIGUSR2 listens again.
+    std::unique_ptr<QuicServer> retiring;  // a stopped relay's listener, until its close frames are out
+    bool upWanted = false;
+    relayDown = [&] {
+        if (!quic) return;
+        relay.closeAll();
+        retiring = std::move(quic);
+        say("relay stopped");
+        QTimer::singleShot(150, &app, [&] {
+            retiring.reset();
+            if (upWanted && relayUp) {
+                upWanted = false;
+                relayUp();
+            }
+        });
+    };
+    relayUp = [&] {
+        if (quic) return;
+        if (retiring) {
+            upWanted = true;
+            return;
+        }
+        auto next = std::make_unique<QuicServer>();
+        next->onConnection = [&relay](QuicConnection* c) { relay.accept(new QuicControllerLink(c)); };
+        if (!next->listen(bindAddress, relayPort)) {
+            say("relay cannot listen again on port " + std::to_string(relayPort) + ": " +
+                next->errorString().toStdString());
+            return;
+        }
+        quic = std::move(next);
+        say("relay started again on port " + std::to_string(relayPort));
+    };
 
     const std::string host = bindAddress.protocol() == QAbstractSocket::IPv6Protocol
                                  ? "[" + opt.bind.toStdString() + "]"
                                  : opt.bind.toStdString();
     say("admin http://" + host + ":" + std::to_string(admin.port()));
-    say("relay quic " + host + ":" + std::to_string(quic.port()));
+    say("relay quic " + host + ":" + std::to_string(quic->port()));
     for (Agent* a : agentPtrs)
         say("agent " + std::to_string(a->config().index) + " code " + a->config().code + " machine_id " +
             a->config().machineId + " os " + a->config().os);
@@ -167,6 +210,7 @@ int main(int argc, char** argv) {
     const int rc = app.exec();
 
     ostv::Logger::info("ostvarren-server: stopping");
+    relayDown = relayUp = nullptr;
     relay.closeAll();
     for (Agent* a : agentPtrs) a->hangUpAll();
     // Let the close frames go out before the sockets go.

@@ -36,7 +36,11 @@ QString ServerOptions::usage() {
         "  --code CODE         six-digit pairing code of the next agent, repeatable (default: random)\n"
         "  --limit N           controllers per agent (default 8)\n"
         "  --shell PATH        shell to start in every terminal (default: the user's login shell)\n"
-        "  --help              show this text\n");
+        "  --help              show this text\n"
+        "\n"
+        "Signals: SIGINT or SIGTERM stop the server, hanging up its shells. SIGUSR1 stops only the relay\n"
+        "(every controller's connection ends; the agents keep their shells) and SIGUSR2 starts it again on\n"
+        "the same port.\n");
 }
 
 std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QString* error) {

@@ -51,8 +51,10 @@ QString SessionController::normalizePath(const QString& path) const {
 
 std::optional<int64_t> SessionController::findExistingPty(const QString& forPath) const {
     const QString wanted = normalizePath(forPath);
+    // Only a session this window shows (or is setting up) counts: another controller's shell in the same
+    // folder has no tab here to switch to.
     for (const auto& [id, path] : activeSessions)
-        if (normalizePath(path) == wanted) return id;
+        if ((hasTab(id) || pendingSetup.count(id)) && normalizePath(path) == wanted) return id;
     return std::nullopt;
 }
 

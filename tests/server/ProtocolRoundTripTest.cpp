@@ -462,6 +462,35 @@ TEST_F(RoundTrip, ClientThatConnectsAgainGetsItsShellBack) {
     }
 }
 
+TEST_F(RoundTrip, RelayStoppedAndStartedAgainKeepsTheShells) {
+    startServer();
+    auto a = controller();
+    ASSERT_FALSE(a->pair(code(), "alice").empty());
+    a->send(create(1, "client-a"));
+    a->send(input(1, "X=left-$((2*3)); echo set\r"));
+    ASSERT_TRUE(a->waitOutput(1, "set"));
+    // SIGUSR1: the relay ends the connection the way a relay going away does.
+    ASSERT_TRUE(server->stopRelay());
+    EXPECT_TRUE(a->waitClosedByServer(5000));
+    EXPECT_TRUE(server->isRunning());
+    ASSERT_TRUE(server->startRelay());
+    auto again = controller();
+    ASSERT_FALSE(again->pair(code(), "alice").empty());
+    const std::vector<PtyListItem> ptys = again->listPtys();
+    ASSERT_EQ(ptys.size(), 1u);
+    EXPECT_EQ(ptys[0].clientId.value_or(""), "client-a");
+    Message rs("RESIZE");  // as the desktop client does on finding its shell in the list
+    rs.ptyId = 1;
+    rs.cols = 90;
+    rs.rows = 20;
+    again->send(rs);
+    again->send(input(1, "echo back-$X\r"));
+    EXPECT_TRUE(again->waitOutput(1, "back-left-6")) << again->output(1);
+    // Starting a relay that runs changes nothing.
+    EXPECT_FALSE(server->startRelay(500));
+    EXPECT_TRUE(again->isReady());
+}
+
 TEST_F(RoundTrip, BadInputDoesNotDisturbTheServerOrOtherControllers) {
     startServer();
     auto good = controller();

@@ -272,4 +272,18 @@ bool LocalServer::waitForOutput(const std::string& needle, int timeoutMs, size_t
     });
 }
 
+bool LocalServer::stopRelay(int timeoutMs) {
+    if (!isRunning()) return false;
+    const size_t mark = outputMark();
+    ::kill(pid_, SIGUSR1);
+    return waitForOutput("relay stopped", timeoutMs, mark);
+}
+
+bool LocalServer::startRelay(int timeoutMs) {
+    if (!isRunning()) return false;
+    const size_t mark = outputMark();
+    ::kill(pid_, SIGUSR2);
+    return waitForOutput("relay started again", timeoutMs, mark);
+}
+
 }  // namespace ostv::test

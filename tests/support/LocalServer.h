@@ -42,6 +42,10 @@ public:
     // waitpid reports it, or -1 when nothing was running.
     int stop(int timeoutMs = 5000);
     bool restart(int timeoutMs = 20000);
+    // Only the relay goes away (its controllers' connections end) or comes back on the same port; the
+    // agents and their shells live on. Each waits for the program to say it happened.
+    bool stopRelay(int timeoutMs = 5000);
+    bool startRelay(int timeoutMs = 5000);
     bool isRunning() const;
     pid_t pid() const { return pid_; }
 

@@ -157,6 +157,14 @@ TEST_F(SessionControllerTest, AListAskedForBeforeASessionWasCreatedKeepsItActive
     EXPECT_EQ(link.sent.size(), before);  // still one session for the folder
 }
 
+TEST_F(SessionControllerTest, AnotherControllersShellInTheSameFolderDoesNotStopANewSession) {
+    c.didReceivePtyList({{9, "/home/u/shared", "running", "c-x", "someone-else"}});
+    const size_t before = link.ofType("CREATE_PTY").size();
+    c.allocateAndCreatePty("mine", std::nullopt, std::nullopt, "~/shared");
+    EXPECT_EQ(link.ofType("CREATE_PTY").size(), before + 1);
+    EXPECT_TRUE(c.pendingSetup.count(c.nextPtyId - 1));
+}
+
 TEST_F(SessionControllerTest, NotConnectedSkipsMessagesButKeepsBookkeeping) {
     link.connected = false;
     c.isConnected = false;
