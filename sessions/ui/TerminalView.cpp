@@ -257,7 +257,13 @@ void TerminalView::onPageReady() {
     pendingOutputs.clear();
     for (auto& [text, id] : queued) {
         if (text.startsWith(QLatin1String("__CREATE__"))) {
-            run(QStringLiteral("createTerminal(%1)").arg(text.mid(10)));
+            if (!tabPtyIds.contains(id)) continue;  // closed while the page was loading
+            run(QStringLiteral("createTerminal(%1)").arg(id));
+            const QString title = tabTitles.count(id) ? tabTitles.at(id) : QString::number(id);
+            activePtyId = id;
+            if (!tabItems.count(id)) addTabItem(id, title);
+            titleLabel_->setText(title);
+            updateTabBar();
         } else {
             handOver(id, decodedSize(text));
             run(QStringLiteral("writeOutput('") + text + QStringLiteral("',") + QString::number(id) + QLatin1Char(')'));
@@ -270,7 +276,9 @@ void TerminalView::createTab(int64_t ptyId, const QString& title) {
     if (tabPtyIds.contains(ptyId)) return;
     tabPtyIds.push_back(ptyId);
     if (!isWebViewReady) {
+        // Made once the page is ready, tab item and all, in order with the output that follows.
         pendingOutputs.emplace_back(QStringLiteral("__CREATE__%1").arg(ptyId), ptyId);
+        tabTitles[ptyId] = title;
         return;
     }
     run(QStringLiteral("createTerminal(%1)").arg(ptyId));

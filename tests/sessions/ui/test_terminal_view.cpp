@@ -70,9 +70,10 @@ TEST_F(TerminalViewTest, OutputBeforeReadyIsWrittenAfterItsCreationInOrder) {
     view->createTab(1, "one");
     view->writeOutput(b64("first "), 1);
     view->writeOutput(b64("second"), 1);
-    EXPECT_TRUE(view->tabItems.empty());  // no tab item before the page is there
     waitReady();
     ASSERT_TRUE(pageShows(1, "first second"));
+    ASSERT_EQ(view->tabItems.count(1), 1u);  // its tab item came with the page
+    EXPECT_EQ(view->tabItems.at(1)->title(), "one");
     const int create = scripts.indexOf("createTerminal(1)");
     ASSERT_GE(create, 0);
     int firstWrite = -1;
@@ -312,4 +313,26 @@ TEST_F(TerminalViewTest, ThePageFollowsTheApplicationsAppearanceLive) {
     EXPECT_TRUE(waitUntil([&] { return pageLooks().startsWith("light "); }, 5000)) << pageLooks().toStdString();
     EXPECT_NE(pageLooks().section(' ', 1), darkBackground);  // the terminal's own colours changed too
     QApplication::setPalette(before);
+}
+
+TEST_F(TerminalViewTest, EveryTabOfTheStripShowsItsTitleEvenTheOneMadeBeforeThePage) {
+    view->resize(1000, 600);
+    view->show();
+    view->createTab(1, "ostv-e2e-home-geiLvH-and-more");  // before the page is ready
+    waitReady();
+    view->createTab(2, "tmp");
+    spin(100);
+    for (int64_t id : {1, 2}) {
+        TabItemView* item = view->tabItems.at(id);
+        const auto* label = item->findChild<QLabel*>();
+        ASSERT_NE(label, nullptr);
+        EXPECT_TRUE(item->isVisible()) << id;
+        EXPECT_GE(item->width(), 60) << id;
+        // Whole, or cut short with "…" (a tab takes at most 200 pixels) and whole in the tooltip.
+        const QString shown = label->text();
+        const QString title = view->tabTitles.at(id);
+        EXPECT_TRUE(shown == title || (shown.endsWith(QChar(0x2026)) && title.startsWith(shown.chopped(1)) &&
+                                       item->toolTip() == title))
+            << shown.toStdString();
+    }
 }
