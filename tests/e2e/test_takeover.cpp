@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QMessageBox>
+#include <QTimer>
 
 #include "ClientIdentity.h"
 #include "ConnectionManager.h"
@@ -57,6 +59,62 @@ TEST(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     auto* alert = first.findChild<QMessageBox*>("connectionErrorAlert");
     ASSERT_NE(alert, nullptr);
     EXPECT_TRUE(alert->informativeText().endsWith(" (by bob)")) << alert->informativeText().toStdString();
+    linkA.disconnect();
+    linkB.disconnect();
+    SecretStore::useFileStoreOnlyForTesting(false);
+}
+
+// Taken over while the first session is still being set up (its shell is slow to start): the kicked
+// window ends the set-up for good — no tab appears later, no set-up timer is left, no set-up error is
+// shown on top of the kick — and everything it stored is kept.
+TEST(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
+    if (qEnvironmentVariableIsSet("OSTV_E2E_HOST")) {
+        GTEST_SKIP() << "needs the local server (a slow shell, a limit of one controller); skipped against "
+                        "OSTV_E2E_HOST=" << qEnvironmentVariable("OSTV_E2E_HOST").toStdString();
+    }
+    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("kicked") + "/secrets.json");
+    ServerConfig::defaults().clear();
+    const QString slowShell = makeTempDir("slow-shell") + "/slow-sh";
+    {
+        QFile f(slowShell);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("#!/bin/sh\nsleep 2\nexec /bin/sh \"$@\"\n");
+        f.close();
+        f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    LocalServer server(QStringList{"--agents", "1", "--limit", "1", "--shell", slowShell});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    ServerConfig::setString(SettingsKey::serverHost, server.host());
+    ServerConfig::setInteger(SettingsKey::serverQuicPort, server.quicPort());
+    ServerConfig::setInteger(SettingsKey::adminServerPort, server.adminPort());
+    const QString code = server.code(0);
+
+    ConnectionManager linkA, linkB;
+    MainViewController first(&linkA), second(&linkB);
+    first.sessions().pendingAutoCreate = true;
+    first.connectPanelDidRequestPairWithCode(nullptr, code, "alice");
+    first.sessions().pendingAutoCreate = true;
+    ASSERT_TRUE(waitUntil([&] { return !first.sessions().pendingSetup.empty(); }, 10000));
+    const QStringList keysBefore = ServerConfig::defaults().allKeys();
+
+    second.connectPanelDidRequestPairWithCode(nullptr, code, "bob");
+    ASSERT_TRUE(waitUntil([&] { return second.controllerChooser != nullptr; }, 10000));
+    second.controllerChooser->tableView->setCurrentRow(0);
+    second.controllerChooser->onTakeover();
+    ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
+    EXPECT_TRUE(first.sessions().pendingSetup.empty());
+    EXPECT_TRUE(first.sessions().setupTimers.empty());
+
+    // Past the shell's start and the set-up's own time-out and retry.
+    spin(7000);
+    EXPECT_TRUE(first.terminalView->tabIds().isEmpty());
+    EXPECT_FALSE(first.terminalView->frozenOverlay()->isHidden());
+    const auto alerts = first.findChildren<QMessageBox*>("connectionErrorAlert");
+    ASSERT_EQ(alerts.size(), 1);
+    EXPECT_TRUE(alerts.first()->informativeText().endsWith(" (by bob)")) << alerts.first()->informativeText().toStdString();
+    for (QTimer* t : first.sessions().findChildren<QTimer*>()) EXPECT_FALSE(t->isActive()) << "a timer still runs";
+    EXPECT_EQ(ServerConfig::defaults().allKeys(), keysBefore);
+    EXPECT_TRUE(ServerConfig::stringList(SettingsKey::confirmedAgentCodes).value_or(QStringList{}).contains(code));
     linkA.disconnect();
     linkB.disconnect();
     SecretStore::useFileStoreOnlyForTesting(false);
