@@ -142,7 +142,11 @@ void ConnectionManager::quicTransportDidEncounterError(QUICTransport*, const QUI
 
 void ConnectionManager::quicTransportDidReceiveData(QUICTransport* t, std::string_view chunk) {
     const uint64_t gen = generation_.load();
+    const size_t droppedBefore = receiveBuffer_.droppedLines();
     receiveBuffer_.feed(chunk, [this, t, gen](std::string_view line) { lineReceived(t, gen, line); });
+    if (receiveBuffer_.droppedLines() != droppedBefore)
+        Logger::error("Dropped a line of more than " + std::to_string(kMaxLineBytes / (1024 * 1024)) +
+                      " MiB from the relay");
 }
 
 void ConnectionManager::lineReceived(QUICTransport* t, uint64_t gen, std::string_view line) {

@@ -100,6 +100,9 @@ public:
     void quicTransportDidEncounterError(QUICTransport* t, const QUICTransportError& error) override;
 
     static constexpr size_t kMaxAwaitingDispatch = 4 * 1024 * 1024;
+    // The longest line taken from the relay; a longer one is dropped whole (a broken or hostile relay
+    // cannot make the client buffer without bound).
+    static constexpr size_t kMaxLineBytes = 16 * 1024 * 1024;
 
 private:
     void setStateAndTell(const ConnectionState& s);
@@ -115,7 +118,7 @@ private:
     ConnectionState state_;
     std::unique_ptr<QUICTransport> quicTransport_;
     std::atomic<uint64_t> generation_{0};  // which transport's messages are current
-    LineSplitter receiveBuffer_;            // touched on the transport thread only
+    LineSplitter receiveBuffer_{kMaxLineBytes};  // touched on the transport thread only
     std::optional<std::string> pendingCode_;
     std::optional<std::string> pendingNickname_;
     QTimer pingTimer_;

@@ -65,29 +65,19 @@ void QuicConnection::setReadPaused(bool paused) {
 void QuicConnection::deliver(const char* data, size_t len) {
     std::string_view chunk(data, len);
     // A line longer than the limit is dropped whole: its bytes are skipped until the next line feed.
+    // Fed one line at a time: a handler may close (and so end) this connection.
+    QPointer<QuicConnection> self(this);
     while (!chunk.empty()) {
-        if (discardingLine_) {
-            const size_t nl = chunk.find('\n');
-            if (nl == std::string_view::npos) return;
-            discardingLine_ = false;
-            chunk.remove_prefix(nl + 1);
-            continue;
-        }
         const size_t nl = chunk.find('\n');
         const size_t upTo = nl == std::string_view::npos ? chunk.size() : nl + 1;
-        if (splitter_.buffered() + upTo > maxLine_ + 1) {
-            Logger::error("Dropped a line of more than " + std::to_string(maxLine_) + " bytes from " +
-                          peerAddress_.toStdString());
-            splitter_.clear();
-            discardingLine_ = nl == std::string_view::npos;
-            chunk.remove_prefix(upTo);
-            continue;
-        }
-        QPointer<QuicConnection> self(this);
+        const size_t droppedBefore = splitter_.droppedLines();
         splitter_.feed(chunk.substr(0, upTo), [&](std::string_view line) {
             if (self && onLine && !closed_) onLine(line);
         });
         if (!self) return;
+        if (splitter_.droppedLines() != droppedBefore)
+            Logger::error("Dropped a line of more than " + std::to_string(splitter_.maxLine()) + " bytes from " +
+                          peerAddress_.toStdString());
         chunk.remove_prefix(upTo);
     }
 }
@@ -214,7 +204,7 @@ void QuicServer::readAll() {
             ngtcp2_pkt_hd hd{};
             if (ngtcp2_accept(&hd, buf, len) != 0) continue;  // not a new connection's Initial: drop
             auto* c = new QuicConnection(this);
-            c->maxLine_ = maxLineBytes;
+            c->splitter_.setMaxLine(maxLineBytes);
             std::memcpy(&c->peer_, &peer, peerLen);
             c->peerLen_ = peerLen;
             c->peerAddress_ = addressText(reinterpret_cast<sockaddr*>(&peer));

@@ -49,9 +49,7 @@ private:
     QuicServer* server_;
     std::unique_ptr<QuicEngine> engine_;
     QTimer timer_{this};
-    LineSplitter splitter_;
-    size_t maxLine_ = 16 * 1024 * 1024;
-    bool discardingLine_ = false;
+    LineSplitter splitter_{16 * 1024 * 1024};
     bool announced_ = false;
     bool closed_ = false;
     QString serverName_;

@@ -53,3 +53,24 @@ TEST(LineSplitter, ALineOfSeveralMegabytesArrivesWhole) {
     s.feed("\n", [&](std::string_view l) { sizes.push_back(l.size()); });
     EXPECT_EQ(sizes, (std::vector<size_t>{big.size()}));
 }
+
+TEST(LineSplitter, ALineOverTheLimitIsDroppedWholeInAnyPiecesAndTheNextComesThrough) {
+    for (size_t piece : {1u, 3u, 7u, 64u}) {
+        LineSplitter s(8);
+        std::vector<std::string> got;
+        const std::string stream = "12345678\n123456789\nabc\n" + std::string(40, 'x') + "\nend\n";
+        for (size_t at = 0; at < stream.size(); at += piece)
+            s.feed(std::string_view(stream).substr(at, piece), [&](std::string_view l) { got.emplace_back(l); });
+        EXPECT_EQ(got, (std::vector<std::string>{"12345678", "abc", "end"})) << "pieces of " << piece;
+        EXPECT_EQ(s.droppedLines(), 2u);
+        EXPECT_EQ(s.buffered(), 0u);
+    }
+    // A peer that never ends its line: the buffer stays at the limit, whatever it sends.
+    LineSplitter s(1024);
+    const std::string junk(4096, 'j');
+    for (int i = 0; i < 1000; ++i) s.feed(junk, [](std::string_view) { FAIL() << "no line ends"; });
+    EXPECT_LE(s.buffered(), 1024u);
+    std::vector<std::string> got;
+    s.feed("\nok\n", [&](std::string_view l) { got.emplace_back(l); });
+    EXPECT_EQ(got, std::vector<std::string>{"ok"});
+}
