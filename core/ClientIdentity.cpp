@@ -221,6 +221,9 @@ QString ClientIdentity::getOrCreate() {
     if (auto id = read()) return *id;
     QString id = newIdentifier();
     save(id);
+    // Each keychain call runs a local event loop, and what runs from it (a message from the relay) may
+    // have asked for the identity too and stored one first: the stored one is the identity.
+    if (auto stored = read()) return *stored;
     return id;
 }
 

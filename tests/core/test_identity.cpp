@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QRegularExpression>
+#include <QTimer>
 #include <QUuid>
 #include <sys/stat.h>
 
@@ -78,6 +79,27 @@ TEST_F(FileStore, CorruptFileIsTreatedAsEmptyAndRepaired) {
     EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
     EXPECT_TRUE(SecretStore::add(svc, "default", "y"));
     EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("y"));
+}
+
+// A keychain call waits in a local event loop, and what runs from there (a message from the relay) may
+// ask for the identity as well: both callers get the one identity that was stored.
+TEST(ClientIdentityCreation, AnIdentityAskedForWhileTheFirstIsBeingStoredIsTheSame) {
+    SecretStore::useFileStoreOnlyForTesting(false, test::makeTempDir("nested") + "/secrets.json");
+    SecretStore::remove(ClientIdentity::service, ClientIdentity::account);
+    QString inner;
+    bool outerReturned = false;
+    bool nested = false;
+    QTimer::singleShot(0, [&] {
+        nested = !outerReturned;
+        inner = ClientIdentity::getOrCreate();
+    });
+    const QString outer = ClientIdentity::getOrCreate();
+    outerReturned = true;
+    test::waitUntil([&] { return !inner.isEmpty(); }, 2000);
+    SecretStore::remove(ClientIdentity::service, ClientIdentity::account);
+    SecretStore::useFileStoreOnlyForTesting(false);
+    if (!nested) GTEST_SKIP() << "the keychain answered without waiting: nothing ran in between";
+    EXPECT_EQ(outer.toStdString(), inner.toStdString());
 }
 
 // Against the real keychain service (the test command starts an unlocked keyring in a private D-Bus session).
