@@ -11,6 +11,7 @@
 #include "MainViewController.h"
 #include "ServerConfig.h"
 #include "TestSupport.h"
+#include "UserInput.h"
 
 using namespace ostv;
 using namespace ostv::test;
@@ -48,8 +49,9 @@ TEST(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     ASSERT_EQ(second.controllerChooser->controllers().size(), 1u);
     EXPECT_EQ(second.controllerChooser->controllers()[0].nickname, "alice");
     EXPECT_FALSE(second.controllerChooser->takeoverButton->isEnabled());
-    second.controllerChooser->tableView->setCurrentRow(0);
-    second.controllerChooser->onTakeover();
+    clickRow(second.controllerChooser->tableView, 0);
+    ASSERT_TRUE(second.controllerChooser->takeoverButton->isEnabled());
+    QTest::mouseClick(second.controllerChooser->takeoverButton, Qt::LeftButton);
 
     ASSERT_TRUE(waitUntil([&] { return linkB.state().isConnected(); }, 10000));
     ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
@@ -99,8 +101,8 @@ TEST(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
 
     second.connectPanelDidRequestPairWithCode(nullptr, code, "bob");
     ASSERT_TRUE(waitUntil([&] { return second.controllerChooser != nullptr; }, 10000));
-    second.controllerChooser->tableView->setCurrentRow(0);
-    second.controllerChooser->onTakeover();
+    clickRow(second.controllerChooser->tableView, 0);
+    QTest::mouseClick(second.controllerChooser->takeoverButton, Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
     EXPECT_TRUE(first.sessions().pendingSetup.empty());
     EXPECT_TRUE(first.sessions().setupTimers.empty());

@@ -1,29 +1,41 @@
 // Faults the client meets in daily use, against the real server program (and, for a broken relay, a
 // scripted one): the relay killed in the middle of a flood and started again, eight shells flooding
-// while a ninth is typed into, loss and delay on the path, and a relay that answers with garbage, with
-// huge lines or not at all. Each checks that the client goes on, loses nothing it stored, and leaves
-// no timer running.
+// while a ninth is typed into, loss and delay on the path, a controller pushed out while its first
+// session is being set up, and a relay that answers with garbage, with huge lines or not at all. Each
+// checks that the client goes on, loses nothing it stored, and leaves no timer running.
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QHostAddress>
 #include <QProcess>
 #include <QSettings>
 #include <QTimer>
 #include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <map>
 #include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <queue>
+#include <random>
 #include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
+#include "ClientIdentity.h"
 #include "ConnectionManager.h"
 #include "EnvStore.h"
 #include "LocalServer.h"
 #include "QuicServer.h"
 #include "ServerConfig.h"
+#include "SessionController.h"
 #include "TestSupport.h"
 
 using namespace ostv;
@@ -36,7 +48,9 @@ namespace {
 class Client : public QObject, public ConnectionManagerDelegate {
 public:
     ConnectionManager link;
-    std::vector<std::string> errors;
+    std::vector<ConnectionState::Kind> states;  // as reported to the delegate
+    std::vector<PtyInfo> lastList;
+    std::vector<ControllerInfo> controllers;    // the last "controller_list"
     std::map<int64_t, std::string> output;  // decoded
     std::map<int64_t, size_t> outputBytes;
     std::vector<std::pair<int64_t, Clock::time_point>> outputTimes;  // of the PTY being timed
@@ -67,15 +81,27 @@ public:
     bool shows(int64_t id, const std::string& text, int ms = 10000) {
         return waitUntil([&] { return output[id].find(text) != std::string::npos; }, ms);
     }
+    // The ping timer (a member of the manager) and any timer object under it.
     int activeTimers() const {
         const auto timers = link.findChildren<QTimer*>();
-        return static_cast<int>(std::count_if(timers.begin(), timers.end(), [](QTimer* t) { return t->isActive(); }));
+        return static_cast<int>(std::count_if(timers.begin(), timers.end(), [](QTimer* t) { return t->isActive(); })) +
+               (link.isPingTimerActive() ? 1 : 0);
+    }
+    std::vector<std::string> errorsSoFar() {
+        std::lock_guard lock(errorsMutex);
+        return errors;
     }
 
-    void connectionManagerDidChangeState(ConnectionManager*, const ConnectionState&) override {}
-    void connectionManagerDidReceivePtyList(ConnectionManager*, const std::vector<PtyInfo>&) override {}
-    void connectionManagerDidReceiveControllerList(ConnectionManager*, const std::vector<ControllerInfo>&, int64_t,
-                                                   int64_t) override {}
+    void connectionManagerDidChangeState(ConnectionManager*, const ConnectionState& s) override {
+        states.push_back(s.kind);
+    }
+    void connectionManagerDidReceivePtyList(ConnectionManager*, const std::vector<PtyInfo>& l) override {
+        lastList = l;
+    }
+    void connectionManagerDidReceiveControllerList(ConnectionManager*, const std::vector<ControllerInfo>& l, int64_t,
+                                                   int64_t) override {
+        controllers = l;
+    }
     void connectionManagerWasKicked(ConnectionManager*, const std::string&, const std::string&) override {}
     void connectionManagerDidReceiveOutput(ConnectionManager*, const std::string& b64, int64_t id) override {
         const QByteArray bytes = QByteArray::fromBase64(QByteArray::fromStdString(b64));
@@ -85,12 +111,21 @@ public:
     }
     void connectionManagerDidReceivePtyExit(ConnectionManager*, int64_t, int64_t) override {}
     void connectionManagerDidReceivePtyError(ConnectionManager*, int64_t, const std::string& r) override {
+        std::lock_guard lock(errorsMutex);
         errors.push_back("pty: " + r);
     }
-    void connectionManagerDidReceiveError(ConnectionManager*, const std::string& m) override { errors.push_back(m); }
+    // Transport errors arrive on the transport thread.
+    void connectionManagerDidReceiveError(ConnectionManager*, const std::string& m) override {
+        std::lock_guard lock(errorsMutex);
+        errors.push_back(m);
+    }
     void connectionManagerControllerJoined(ConnectionManager*, const std::string&, const std::string&) override {}
     void connectionManagerControllerLeft(ConnectionManager*, const std::string&) override {}
     void connectionManagerDidMeasureLatency(ConnectionManager*, int64_t, double, double) override {}
+
+private:
+    std::mutex errorsMutex;
+    std::vector<std::string> errors;
 };
 
 // Everything in the settings store, to compare before and after a fault.
@@ -154,7 +189,9 @@ TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
     ::kill(server.pid(), SIGKILL);  // no goodbye: the relay is simply gone
     ASSERT_TRUE(waitUntil([&] { return !c.link.state().isConnected(); }, 30000))
         << "the client never noticed the relay had gone";
-    EXPECT_FALSE(c.errors.empty());
+    EXPECT_FALSE(c.errorsSoFar().empty()) << "the lost link was not reported";
+    ASSERT_FALSE(c.states.empty());
+    EXPECT_EQ(c.states.back(), ConnectionState::Kind::disconnected);
     EXPECT_EQ(c.activeTimers(), 0) << "a timer of the dead link still runs";
 
     ASSERT_TRUE(server.restart());
@@ -172,7 +209,7 @@ TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
 // Eight shells print as fast as they can for a while (OSTV_LONG_FAULTS=1: a minute) while a ninth,
 // running `cat`, is typed into: every keystroke's echo comes back within 100 ms.
 TEST_F(Faults, EightShellsFloodWhileANinthIsTypedInto) {
-    const int seconds = qEnvironmentVariableIntValue("OSTV_LONG_FAULTS") ? 60 : 8;
+    const int seconds = qEnvironmentVariableIntValue("OSTV_LONG_FAULTS") ? 60 : 10;
     LocalServer server({"--agents", "1"});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     useServer(server);
@@ -217,9 +254,42 @@ TEST_F(Faults, EightShellsFloodWhileANinthIsTypedInto) {
     c.link.disconnect();
 }
 
-// 20 % of the packets lost and 100 ms of delay each way, on the loopback of a network namespace of our
-// own, where the machine lets us make one: pairing completes and every typed character arrives once and
-// in order.
+// Pairs over a path that loses and delays packets, then types 200 numbered pieces into `cat`: every
+// piece comes back once and in order.
+void pairAndTypeInOrder(Client& c, const QString& code) {
+    const auto pairStart = Clock::now();
+    ASSERT_TRUE(c.pair(code, 90000)) << "pairing over a lossy path";
+    const double pairSeconds = std::chrono::duration<double>(Clock::now() - pairStart).count();
+    c.create(1);
+    c.type(1, "stty -echo; cat\r");
+    ASSERT_TRUE(waitUntil([&] { return c.outputBytes[1] > 0; }, 30000));
+    spin(500);
+    c.output[1].clear();
+    const auto typeStart = Clock::now();
+    std::string sent;
+    for (int i = 0; i < 200; ++i) {
+        const std::string piece = std::to_string(i) + ",";
+        sent += piece;
+        c.type(1, piece);
+        if (i % 20 == 19) c.type(1, "\r");
+        spin(10);  // typed, not pasted: each piece goes in packets of its own
+    }
+    ASSERT_TRUE(waitUntil([&] { return c.output[1].find("199,") != std::string::npos; }, 90000));
+    std::printf("[ FIGURES  ] lossy path: paired in %.1f s, 200 typed pieces back in %.1f s\n", pairSeconds,
+                std::chrono::duration<double>(Clock::now() - typeStart).count());
+    spin(1000);  // anything doubled would come now
+    std::string got;
+    for (char ch : c.output[1])
+        if (ch != '\r' && ch != '\n') got += ch;
+    // The shell's own prompt may still have been on its way when the output was cleared.
+    const size_t first = got.find("0,1,2,");
+    ASSERT_NE(first, std::string::npos) << got;
+    EXPECT_EQ(got.substr(first), sent) << "typed input lost, doubled or reordered";
+    c.link.disconnect();
+}
+
+// 20 % of the packets lost and 100 ms of delay, with netem on the loopback of a network namespace of
+// our own, where the machine lets us make one (root, network namespaces, the kernel's netem).
 TEST_F(Faults, LossAndDelayOnThePath) {
     if (!qEnvironmentVariableIsSet("OSTV_UNDER_NETEM")) {
         QProcess p;
@@ -236,7 +306,7 @@ TEST_F(Faults, LossAndDelayOnThePath) {
         const QByteArray out = p.readAll();
         if (p.exitCode() == 77 || out.contains("unshare failed"))
             GTEST_SKIP() << "netem: no network namespace with netem on this machine (" << out.trimmed().toStdString()
-                         << ")";
+                         << "); the same path is covered by LossAndDelayThroughALossyForwarder";
         EXPECT_EQ(p.exitCode(), 0) << out.toStdString();
         return;
     }
@@ -244,24 +314,243 @@ TEST_F(Faults, LossAndDelayOnThePath) {
     ASSERT_TRUE(server.start(60000)) << server.errorString().toStdString();
     useServer(server);
     Client c;
-    ASSERT_TRUE(c.pair(server.code(), 90000)) << "pairing over a lossy path";
-    c.create(1);
-    c.type(1, "stty -echo; cat\r");
-    ASSERT_TRUE(waitUntil([&] { return c.outputBytes[1] > 0; }, 30000));
-    std::string sent;
-    for (int i = 0; i < 200; ++i) {
-        const std::string piece = std::to_string(i) + ",";
-        sent += piece;
-        c.type(1, piece);
-        if (i % 20 == 19) c.type(1, "\r");
+    pairAndTypeInOrder(c, server.code());
+}
+
+// Forwards UDP between the client and the relay on a thread of its own, dropping each datagram with the
+// given chance and holding every other one back for the given delay, in both directions. One client.
+class LossyForwarder {
+public:
+    LossyForwarder(quint16 relayPort, double loss, std::chrono::milliseconds delay) : loss_(loss), delay_(delay) {
+        front_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+        back_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ok_ = ::bind(front_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        socklen_t len = sizeof a;
+        ok_ = ok_ && ::getsockname(front_, reinterpret_cast<sockaddr*>(&a), &len) == 0;
+        port_ = ntohs(a.sin_port);
+        a.sin_port = htons(relayPort);
+        ok_ = ok_ && ::connect(back_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        if (ok_) thread_ = std::thread([this] { run(); });
     }
-    c.type(1, "\r");
-    ASSERT_TRUE(waitUntil([&] { return c.output[1].find("199,") != std::string::npos; }, 90000));
-    std::string got;
-    for (char ch : c.output[1])
-        if (ch != '\r' && ch != '\n') got += ch;
-    EXPECT_NE(got.find(sent), std::string::npos) << "typed input lost, doubled or reordered: " << got;
-    c.link.disconnect();
+    ~LossyForwarder() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        ::close(front_);
+        ::close(back_);
+    }
+    bool ok() const { return ok_; }
+    quint16 port() const { return port_; }
+    uint64_t dropped() const { return dropped_; }
+    uint64_t passed() const { return passed_; }
+
+private:
+    struct Datagram {
+        Clock::time_point due;
+        bool toRelay;
+        std::string bytes;
+        bool operator>(const Datagram& o) const { return due > o.due; }
+    };
+    void run() {
+        std::mt19937 rng(20);
+        std::bernoulli_distribution drop(loss_);
+        std::priority_queue<Datagram, std::vector<Datagram>, std::greater<>> queue;
+        sockaddr_in client{};
+        bool haveClient = false;
+        char buf[65536];
+        while (!stop_) {
+            int waitMs = 20;
+            if (!queue.empty())
+                waitMs = std::clamp<int>(static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                              queue.top().due - Clock::now())
+                                                              .count()),
+                                         0, 20);
+            pollfd fds[2] = {{front_, POLLIN, 0}, {back_, POLLIN, 0}};
+            ::poll(fds, 2, waitMs);
+            for (int i = 0; i < 2; ++i) {
+                if (!(fds[i].revents & POLLIN)) continue;
+                sockaddr_in from{};
+                socklen_t fromLen = sizeof from;
+                const ssize_t n = ::recvfrom(fds[i].fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &fromLen);
+                if (n <= 0) continue;
+                if (i == 0) {
+                    client = from;
+                    haveClient = true;
+                }
+                if (drop(rng)) {
+                    ++dropped_;
+                    continue;
+                }
+                queue.push({Clock::now() + delay_, i == 0, std::string(buf, static_cast<size_t>(n))});
+            }
+            while (!queue.empty() && queue.top().due <= Clock::now()) {
+                const Datagram& d = queue.top();
+                if (d.toRelay)
+                    ::send(back_, d.bytes.data(), d.bytes.size(), 0);
+                else if (haveClient)
+                    ::sendto(front_, d.bytes.data(), d.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&client),
+                             sizeof client);
+                ++passed_;
+                queue.pop();
+            }
+        }
+    }
+
+    double loss_;
+    std::chrono::milliseconds delay_;
+    int front_ = -1;
+    int back_ = -1;
+    bool ok_ = false;
+    quint16 port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::atomic<uint64_t> dropped_{0};
+    std::atomic<uint64_t> passed_{0};
+    std::thread thread_;
+};
+
+// The same loss and delay made by a forwarder in this process, so that it runs on every machine.
+TEST_F(Faults, LossAndDelayThroughALossyForwarder) {
+    LocalServer server({"--agents", "1"});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    useServer(server);
+    LossyForwarder path(server.quicPort(), 0.20, std::chrono::milliseconds(100));
+    ASSERT_TRUE(path.ok());
+    ServerConfig::setInteger(SettingsKey::serverQuicPort, path.port());
+    Client c;
+    pairAndTypeInOrder(c, server.code());
+    std::printf("[ FIGURES  ] lossy forwarder: %llu datagrams dropped, %llu passed\n",
+                static_cast<unsigned long long>(path.dropped()), static_cast<unsigned long long>(path.passed()));
+    EXPECT_GT(path.dropped(), 0u);
+}
+
+// The shells the server program has started (its direct children).
+int shellsOf(pid_t server) {
+    int n = 0;
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool isPid = false;
+        entry.toInt(&isPid);
+        if (!isPid) continue;
+        QFile stat(QStringLiteral("/proc/") + entry + QStringLiteral("/stat"));
+        if (!stat.open(QIODevice::ReadOnly)) continue;
+        const QByteArray text = stat.readAll();
+        // "pid (name) state ppid ...": the name may hold blanks, so read after its closing bracket.
+        const QList<QByteArray> rest = text.mid(text.lastIndexOf(')') + 2).split(' ');
+        if (rest.size() > 1 && rest[1].toInt() == server) ++n;
+    }
+    return n;
+}
+
+// The part of the window that reacts to the link, without widgets: what the connection manager
+// reports goes to a session controller, as the workspace passes it on.
+class Window : public QObject, public ConnectionManagerDelegate {
+public:
+    ConnectionManager link;
+    SessionController sessions;
+    bool kicked = false;
+    std::string kickedBy;
+
+    Window() {
+        link.setDelegate(this);
+        sessions.setLink(&link);
+    }
+    void connectionManagerDidChangeState(ConnectionManager*, const ConnectionState& s) override {
+        sessions.isConnected = s.isConnected();
+        if (!s.isConnected()) sessions.cleanupAllSetup();
+    }
+    void connectionManagerDidReceivePtyList(ConnectionManager*, const std::vector<PtyInfo>& l) override {
+        sessions.didReceivePtyList(l);
+    }
+    void connectionManagerDidReceiveControllerList(ConnectionManager*, const std::vector<ControllerInfo>&, int64_t,
+                                                   int64_t) override {}
+    void connectionManagerWasKicked(ConnectionManager*, const std::string&, const std::string& by) override {
+        kicked = true;
+        kickedBy = by;
+        sessions.isConnected = false;
+        sessions.cleanupAllSetup();
+    }
+    void connectionManagerDidReceiveOutput(ConnectionManager*, const std::string& b64, int64_t id) override {
+        sessions.didReceiveOutput(b64, id);
+    }
+    void connectionManagerDidReceivePtyExit(ConnectionManager*, int64_t id, int64_t code) override {
+        sessions.didReceivePtyExit(id, code);
+    }
+    void connectionManagerDidReceivePtyError(ConnectionManager*, int64_t id, const std::string& r) override {
+        sessions.didReceivePtyError(id, QString::fromStdString(r));
+    }
+    void connectionManagerDidReceiveError(ConnectionManager*, const std::string&) override {}
+    void connectionManagerControllerJoined(ConnectionManager*, const std::string&, const std::string&) override {}
+    void connectionManagerControllerLeft(ConnectionManager*, const std::string&) override {}
+    void connectionManagerDidMeasureLatency(ConnectionManager*, int64_t, double, double) override {}
+
+    int activeTimers() const {
+        int n = link.isPingTimerActive() ? 1 : 0;
+        for (QTimer* t : sessions.findChildren<QTimer*>()) n += t->isActive() ? 1 : 0;
+        return n;
+    }
+};
+
+// A controller pushed out by another (one seat on the agent) while its first session is still being
+// set up, its shell slow to start: the set-up ends for good on the kicked side, no timer of it is
+// left, and its shell is no orphan on the agent: the new controller sees it listed and can close it,
+// after which the server runs no shell at all.
+TEST_F(Faults, KickedWhileTheFirstSessionIsBeingSetUp) {
+    const QString slowShell = makeTempDir("slow-shell") + "/slow-sh";
+    {
+        QFile f(slowShell);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("#!/bin/sh\nsleep 2\nexec /bin/sh \"$@\"\n");
+        f.close();
+        f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    LocalServer server({"--agents", "1", "--limit", "1", "--shell", slowShell});
+    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    useServer(server);
+    const auto before = storedSettings();
+
+    Window first;
+    first.sessions.setupTimeout = 1.0;
+    first.link.connect(Host{}, server.code().toStdString(), std::string("alice"));
+    ASSERT_TRUE(waitUntil([&] { return first.link.state().isConnected(); }, 10000));
+    first.sessions.allocateAndCreatePty("project", std::nullopt, EnvStore::gatherEnvCommands(EnvStore::load(envKey)),
+                                        "~");
+    // The set-up line has gone out and its timer runs: the shell is still asleep.
+    ASSERT_TRUE(waitUntil([&] { return !first.sessions.setupTimers.empty(); }, 5000));
+
+    Client second;
+    second.link.connect(Host{}, server.code().toStdString(), std::string("bob"));
+    ASSERT_TRUE(waitUntil([&] { return !second.controllers.empty(); }, 10000)) << "no controller list on a full agent";
+    Message takeover("takeover");
+    takeover.targetControllerId = second.controllers.front().id;
+    second.link.send(takeover);
+    ASSERT_TRUE(waitUntil([&] { return second.link.state().isConnected(); }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return first.kicked; }, 10000));
+    EXPECT_EQ(first.kickedBy, "bob");
+    EXPECT_EQ(first.link.state().kind, ConnectionState::Kind::disconnected);
+    EXPECT_TRUE(first.sessions.pendingSetup.empty());
+    EXPECT_TRUE(first.sessions.setupTimers.empty());
+
+    // Past the shell's start, the set-up's own time-out and its retry.
+    spin(3500);
+    EXPECT_TRUE(first.sessions.pendingSetup.empty());
+    EXPECT_EQ(first.activeTimers(), 0) << "a set-up or ping timer of the kicked window still runs";
+
+    // The kicked side's shell is listed to the new controller, and closing it leaves the agent empty.
+    second.lastList.clear();
+    second.link.send(Message("LIST_PTY"));
+    ASSERT_TRUE(waitUntil([&] { return !second.lastList.empty(); }, 5000)) << "the kicked side's shell is not listed";
+    ASSERT_EQ(second.lastList.size(), 1u);
+    EXPECT_EQ(QString::fromStdString(second.lastList[0].clientId), ClientIdentity::getOrCreate());
+    EXPECT_EQ(shellsOf(server.pid()), 1);
+    second.link.closePty(second.lastList[0].ptyId);
+    EXPECT_TRUE(waitUntil([&] { return shellsOf(server.pid()) == 0; }, 5000)) << "a shell was left behind";
+    second.lastList = {PtyInfo{}};
+    second.link.send(Message("LIST_PTY"));
+    ASSERT_TRUE(waitUntil([&] { return second.lastList.empty() || second.lastList[0].ptyId != 0; }, 5000));
+    EXPECT_TRUE(second.lastList.empty());
+    second.link.disconnect();
+    expectNothingStoredLost(before);
 }
 
 // A relay that is not right: it never answers "pair", answers with garbage, or sends a line far over
@@ -298,11 +587,15 @@ TEST_F(Faults, ARelayThatAnswersWithGarbageHugeLinesOrNothing) {
     ServerConfig::setInteger(SettingsKey::serverQuicPort, relay.port());
     const auto before = storedSettings();
 
-    {  // never answers: nothing happens until the user gives up; giving up leaves nothing running
+    {  // never answers: the client says it waits for the relay's answer (the connect panel gives up on
+       // its own clock) and nothing else happens; giving up leaves nothing running
         Client c;
         c.link.connect(Host{}, "123456", std::string("tester"));
         spin(3000);
-        EXPECT_FALSE(c.link.state().isConnected());
+        EXPECT_EQ(c.link.state().kind, ConnectionState::Kind::waitingForList);
+        ASSERT_FALSE(c.states.empty());
+        EXPECT_EQ(c.states.back(), ConnectionState::Kind::waitingForList);
+        EXPECT_FALSE(c.link.isPingTimerActive()) << "pinging a relay that never paired";
         c.link.disconnect();
         EXPECT_EQ(c.link.state().kind, ConnectionState::Kind::disconnected);
         EXPECT_EQ(c.activeTimers(), 0);
