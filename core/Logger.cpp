@@ -8,7 +8,18 @@ namespace ostv {
 void Logger::write(std::string_view tag, std::string_view text) {
     std::string line;
     line.reserve(tag.size() + text.size() + 1);
-    line.append(tag).append(text).push_back('\n');
+    line.append(tag);
+    // One event, one line: a line break in the text (a nickname or code a peer sent, say) is written
+    // as an escape, so that nobody can add lines of their own to the log.
+    for (char c : text) {
+        if (c == '\n')
+            line.append("\\n");
+        else if (c == '\r')
+            line.append("\\r");
+        else
+            line.push_back(c);
+    }
+    line.push_back('\n');
     // One write(2) per line: POSIX keeps a single write to a pipe or file whole up to PIPE_BUF and in
     // practice for regular files and terminals too; loop only on a short write.
     const char* p = line.data();

@@ -16,7 +16,8 @@ public:
     static void login(std::string_view text);       // "[LOGIN] "
     static void ptySetup(std::string_view text);    // "[PTY_SETUP] "
 
-    // Writes tag + text + '\n' in one go. Tags carry their trailing space ("[Info] ").
+    // Writes tag + text + '\n' in one go, line breaks in the text written as "\n" and "\r". Tags carry
+    // their trailing space ("[Info] ").
     static void write(std::string_view tag, std::string_view text);
 };
 

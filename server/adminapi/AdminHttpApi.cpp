@@ -46,6 +46,33 @@ std::string newToken() {
 
 }  // namespace
 
+std::optional<LoginRequest> parseLoginBody(std::string_view text, std::string* why) {
+    const nlohmann::json body = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
+    if (body.is_discarded() || !body.is_object()) {
+        *why = "body must be a JSON object";
+        return std::nullopt;
+    }
+    const auto u = body.find("username");
+    const auto p = body.find("password");
+    if (u == body.end() || p == body.end() || !u->is_string() || !p->is_string()) {
+        *why = "username and password must be strings";
+        return std::nullopt;
+    }
+    return LoginRequest{u->get<std::string>(), p->get<std::string>()};
+}
+
+std::string bearerToken(std::string_view header) {
+    auto trim = [](std::string_view s) {
+        while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+        while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+        return s;
+    };
+    header = trim(header);
+    constexpr std::string_view prefix = "Bearer ";
+    if (header.substr(0, prefix.size()) != prefix) return {};
+    return std::string(trim(header.substr(prefix.size())));
+}
+
 struct AdminHttpApi::Impl {
     QHttpServer http;
     quint16 port = 0;
@@ -61,10 +88,9 @@ struct AdminHttpApi::Impl {
     }
 
     bool authorised(const QHttpServerRequest& request) {
-        const QByteArray header = request.value("Authorization").trimmed();
-        static const QByteArray prefix = QByteArrayLiteral("Bearer ");
-        if (!header.startsWith(prefix)) return false;
-        const std::string token = header.mid(prefix.size()).trimmed().toStdString();
+        const QByteArray header = request.value("Authorization");
+        const std::string token = bearerToken(std::string_view(header.constData(), static_cast<size_t>(header.size())));
+        if (token.empty()) return false;
         const auto it = tokens.find(token);
         if (it == tokens.end()) return false;
         if (it->second <= Clock::now()) {
@@ -75,15 +101,13 @@ struct AdminHttpApi::Impl {
     }
 
     QHttpServerResponse login(const QHttpServerRequest& request) {
-        const nlohmann::json body = nlohmann::json::parse(request.body().toStdString(), nullptr, false);
-        if (body.is_discarded() || !body.is_object()) return errorResponse("body must be a JSON object", Status::BadRequest);
-        const auto u = body.find("username");
-        const auto p = body.find("password");
-        if (u == body.end() || p == body.end() || !u->is_string() || !p->is_string())
-            return errorResponse("username and password must be strings", Status::BadRequest);
+        const QByteArray raw = request.body();
+        std::string why;
+        const auto given = parseLoginBody(std::string_view(raw.constData(), static_cast<size_t>(raw.size())), &why);
+        if (!given) return errorResponse(why.c_str(), Status::BadRequest);
 
-        const QByteArray givenUser = QByteArray::fromStdString(u->get<std::string>());
-        const QByteArray givenPassword = QByteArray::fromStdString(p->get<std::string>());
+        const QByteArray givenUser = QByteArray::fromStdString(given->username);
+        const QByteArray givenPassword = QByteArray::fromStdString(given->password);
         // Both comparisons always run, so a wrong user name and a wrong password take the same time.
         const bool userOk = sameSecret(givenUser, user);
         const bool passwordOk = sameSecret(givenPassword, password);
@@ -96,7 +120,7 @@ struct AdminHttpApi::Impl {
         std::string token = newToken();
         tokens.emplace(token, Clock::now() + tokenLifetime);
         Logger::info("admin login for user " + givenUser.toStdString());
-        return jsonResponse(nlohmann::json{{"token", token}, {"username", u->get<std::string>()}, {"role", "admin"}},
+        return jsonResponse(nlohmann::json{{"token", token}, {"username", given->username}, {"role", "admin"}},
                             Status::Ok);
     }
 

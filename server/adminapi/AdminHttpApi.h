@@ -17,7 +17,9 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ostv::server {
@@ -31,6 +33,18 @@ struct AgentSummary {
     double cpu = 0;
     double mem = 0;
 };
+
+// The user name and password of a sign-in body ({"username","password"}, both strings; other keys
+// are ignored), or nothing with *why set to the reason for the 400 answer.
+struct LoginRequest {
+    std::string username;
+    std::string password;
+};
+std::optional<LoginRequest> parseLoginBody(std::string_view body, std::string* why);
+
+// The token of an "Authorization" header value "Bearer <token>" (blanks around it dropped), empty when
+// the value has another form.
+std::string bearerToken(std::string_view header);
 
 class AdminHttpApi : public QObject {
     Q_OBJECT

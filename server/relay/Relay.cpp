@@ -70,7 +70,7 @@ void Relay::accept(ControllerLink* link) {
     link->onLine = [this, find, link](std::string_view line) {
         if (Peer* q = find(link)) onLine(*q, line);
     };
-    link->onDrained = [this, find, link] {
+    link->onDrained = [find, link] {
         Peer* q = find(link);
         if (!q) return;
         if (q->pausedForReplies && link->pendingBytes() <= kReplyBacklogLimit) {
@@ -82,13 +82,17 @@ void Relay::accept(ControllerLink* link) {
     link->onClosed = [this, find, link](const QString& why) {
         if (Peer* q = find(link)) onClosed(*q, why);
     };
-    QTimer::singleShot(pairTimeoutMs_, link, [this, find, link] {
+    // A child of the link, so that it goes with the link instead of waiting out its time.
+    auto* pairTimer = new QTimer(link);
+    pairTimer->setSingleShot(true);
+    QObject::connect(pairTimer, &QTimer::timeout, link, [this, find, link] {
         Peer* q = find(link);
         if (!q || q->state != Peer::State::unpaired) return;
         sendError(*q, "配对超时");
         q->state = Peer::State::closing;
         link->close();
     });
+    pairTimer->start(pairTimeoutMs_);
 }
 
 void Relay::closeAll() {

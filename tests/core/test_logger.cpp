@@ -22,6 +22,13 @@ TEST(Logger, TagsCarryExactlyOneSpace) {
     EXPECT_EQ(cap.text(), "[Info] a\n[Error] b\n[Connection] c\n[TLS] d\n[SESSION] e\n[ENV] f\n[LOGIN] g\n[PTY_SETUP] h\n");
 }
 
+// What a peer sends ends up in log lines (a nickname, a pairing code): it cannot start lines of its own.
+TEST(Logger, LineBreaksInTheTextAreWrittenAsEscapes) {
+    test::StdoutCapture cap;
+    Logger::connection("relay: tried unknown code \"1\n[Info] admin login for user admin\r\"");
+    EXPECT_EQ(cap.text(), "[Connection] relay: tried unknown code \"1\\n[Info] admin login for user admin\\r\"\n");
+}
+
 TEST(Logger, TwoThreadsLoggingAtOnceNeverSplitALine) {
     test::StdoutCapture cap;
     const std::string a(300, 'a'), b(300, 'b');
