@@ -230,15 +230,18 @@ std::optional<QList<Host>> AdminAgents::decodeHosts(std::string_view body) {
     }
 
     // Of several elements with the same key the last one wins; survivors keep the server's order.
-    // An element with neither machine id nor code gets a fresh key and is never a duplicate.
+    // An element with neither machine id nor code gets a fresh key and is never a duplicate; an empty
+    // string counts as none (a host without a key could be neither selected nor told apart).
     std::vector<std::pair<const AgentAPIResponse*, QString>> kept;
     std::unordered_set<std::string> seen;
     for (auto it = agents.rbegin(); it != agents.rend(); ++it) {
+        const bool hasMachineId = it->machineId && !it->machineId->empty();
+        const bool hasCode = it->code && !it->code->empty();
         QString key;
-        if (it->machineId) key = QString::fromStdString(*it->machineId);
-        else if (it->code) key = QString::fromStdString(*it->code);
+        if (hasMachineId) key = QString::fromStdString(*it->machineId);
+        else if (hasCode) key = QString::fromStdString(*it->code);
         else key = newUuidText();
-        const bool fresh = !it->machineId && !it->code;
+        const bool fresh = !hasMachineId && !hasCode;
         if (!fresh && !seen.insert(key.toStdString()).second) continue;
         kept.emplace_back(&*it, key);
     }

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <memory>
+#include <sys/prctl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -69,6 +70,7 @@ int fail(const QString& why) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const pid_t parent = ::getppid();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ostvarren-server"));
 
@@ -94,6 +96,11 @@ int main(int argc, char** argv) {
     ::sigaction(SIGINT, &sa, nullptr);
     ::sigaction(SIGTERM, &sa, nullptr);
     ::sigaction(SIGHUP, &sa, nullptr);
+    if (opt.exitWithParent) {
+        // The kernel sends SIGTERM when the parent goes; if it went before this was set, stop now.
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (::getppid() != parent) onStopSignal(SIGTERM);
+    }
     ::sigaction(SIGUSR1, &sa, nullptr);  // the relay goes away; the agents and their shells stay
     ::sigaction(SIGUSR2, &sa, nullptr);  // the relay comes back on the same port
     ::signal(SIGPIPE, SIG_IGN);

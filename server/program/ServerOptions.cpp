@@ -36,6 +36,7 @@ QString ServerOptions::usage() {
         "  --code CODE         six-digit pairing code of the next agent, repeatable (default: random)\n"
         "  --limit N           controllers per agent (default 8)\n"
         "  --shell PATH        shell to start in every terminal (default: the user's login shell)\n"
+        "  --exit-with-parent  stop (as on SIGTERM) when the process that started the server ends\n"
         "  --help              show this text\n"
         "\n"
         "Signals: SIGINT or SIGTERM stop the server, hanging up its shells. SIGUSR1 stops only the relay\n"
@@ -60,6 +61,10 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
         }
         if (name == "--help" || name == "-h") {
             o.help = true;
+            continue;
+        }
+        if (name == "--exit-with-parent") {
+            o.exitWithParent = true;
             continue;
         }
         static const QStringList withValue = {"--bind", "--quic-port", "--admin-port", "--user", "--password",

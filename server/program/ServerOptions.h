@@ -18,6 +18,7 @@ struct ServerOptions {
     std::vector<std::string> codes;  // fixed pairing codes, one per agent in order
     int limit = 8;
     QString shell;                   // empty: the user's login shell
+    bool exitWithParent = false;     // stop when the process that started the server ends
     bool help = false;
 
     static constexpr int kMaxAgents = 64;

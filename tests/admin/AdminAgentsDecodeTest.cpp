@@ -55,6 +55,17 @@ TEST(AdminAgentsDecode, ElementsWithoutCodeOrMachineIdAreAlwaysKeptWithTheirOwnI
     EXPECT_TRUE(hosts->at(0).machineId.isEmpty());
 }
 
+// Found by fuzzing: an empty code (or machine id) gave a host with an empty id.
+TEST(AdminAgentsDecode, EmptyCodeOrMachineIdCountsAsNone) {
+    const auto hosts = decodeHosts(R"([{"code":"","controller_count":1},{"code":"","controller_count":2},
+                                       {"machine_id":"","code":"777777","controller_count":0}])");
+    ASSERT_TRUE(hosts);
+    ASSERT_EQ(hosts->size(), 3);
+    EXPECT_FALSE(hosts->at(0).id.isEmpty());
+    EXPECT_NE(hosts->at(0).id, hosts->at(1).id) << "two keyless agents are two hosts";
+    EXPECT_EQ(hosts->at(2).id, "777777");
+}
+
 TEST(AdminAgentsDecode, FieldsOfAHostRow) {
     const auto hosts = decodeHosts(R"([{"code":"123456","machine_id":"mid","controller_count":4,
                                         "os":"darwin","cpu":12.6,"mem":0.4,"extra":{"ignored":true}},

@@ -1,7 +1,9 @@
 // The admin server's agent list: strict decoding, de-duplication and conversion to hosts.
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <unordered_set>
 
 #include <QCoreApplication>
 
@@ -10,9 +12,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto hosts = ostv::AdminAgents::decodeHosts(std::string_view(reinterpret_cast<const char*>(data), size));
     if (hosts) {
-        // Every surviving host has an id, and ids of hosts made from a machine id or a code are unique.
-        for (const auto& h : *hosts)
+        // Every surviving host has an id, and no two share one (duplicates were merged, keyless agents
+        // got fresh ids).
+        std::unordered_set<std::string> ids;
+        for (const auto& h : *hosts) {
             if (h.id.isEmpty()) __builtin_trap();
+            if (!ids.insert(h.id.toStdString()).second) __builtin_trap();
+        }
     }
     return 0;
 }

@@ -27,6 +27,7 @@ TEST(ServerOptions, DefaultsAndEveryOption) {
     EXPECT_TRUE(d->codes.empty());
     EXPECT_EQ(d->limit, 8);
     EXPECT_FALSE(d->help);
+    EXPECT_FALSE(d->exitWithParent);
 
     auto o = parse({"--bind", "::1", "--quic-port", "0", "--admin-port=0", "--user", "root", "--password", "",
                     "--agents", "3", "--code", "123456", "--code=000001", "--limit", "2", "--shell", "/bin/sh"});
@@ -41,6 +42,7 @@ TEST(ServerOptions, DefaultsAndEveryOption) {
     EXPECT_EQ(o->limit, 2);
     EXPECT_EQ(o->shell, "/bin/sh");
     EXPECT_TRUE(parse({"--help"})->help);
+    EXPECT_TRUE(parse({"--exit-with-parent"})->exitWithParent);
 }
 
 TEST(ServerOptions, BadArgumentsAreNamed) {

@@ -1,14 +1,17 @@
 // The server program as a whole: its start-up lines, its command line, its admin HTTP API over real
 // HTTP, and a clean stop.
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QProcess>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 #include <set>
+#include <csignal>
 #include <sys/wait.h>
 
 #include "LocalServer.h"
@@ -99,6 +102,39 @@ TEST(ServerProgram, StopsCleanlyOnSigterm) {
     EXPECT_TRUE(WIFEXITED(status)) << status;
     EXPECT_EQ(WEXITSTATUS(status), 0);
     EXPECT_FALSE(server.isRunning());
+}
+
+// Gone or a zombie: the process has ended.
+bool hasEnded(pid_t pid) {
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly)) return true;
+    const QByteArray text = stat.readAll();
+    return text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
+}
+
+// Started by a shell that ends a moment later: with --exit-with-parent the server ends with it, without
+// it the server stays (and is stopped here).
+TEST(ServerProgram, ExitWithParentEndsTheServerWithTheProcessThatStartedIt) {
+    for (const bool withFlag : {true, false}) {
+        QProcess sh;
+        sh.start(QStringLiteral("/bin/sh"),
+                 {QStringLiteral("-c"),
+                  QStringLiteral("\"$0\" $1 --quic-port 0 --admin-port 0 >/dev/null 2>&1 & echo $!; sleep 1"),
+                  qEnvironmentVariable("OSTV_SERVER_BIN"),
+                  withFlag ? QStringLiteral("--exit-with-parent") : QStringLiteral("--agents=1")});
+        ASSERT_TRUE(sh.waitForFinished(10000));
+        bool ok = false;
+        const pid_t pid = sh.readAllStandardOutput().trimmed().toInt(&ok);
+        ASSERT_TRUE(ok && pid > 0);
+        if (withFlag) {
+            EXPECT_TRUE(waitUntil([&] { return hasEnded(pid); }, 5000)) << "the server outlived its parent";
+        } else {
+            ostv::test::spin(1000);
+            EXPECT_FALSE(hasEnded(pid)) << "without the option the server goes on";
+            ::kill(pid, SIGTERM);
+            EXPECT_TRUE(waitUntil([&] { return hasEnded(pid); }, 5000));
+        }
+    }
 }
 
 TEST(AdminApi, LoginRightWrongAndMalformed) {

@@ -64,6 +64,8 @@ bool LocalServer::start(int timeoutMs) {
     }
 
     QStringList args = started_ ? restartArgs_ : args_;
+    // A test that dies (a sanitizer's abort, a crash) takes its server and the server's shells with it.
+    if (!args.contains(QStringLiteral("--exit-with-parent"))) args << QStringLiteral("--exit-with-parent");
     if (!started_) {
         if (!hasOption(args, "--quic-port")) args << "--quic-port" << "0";
         if (!hasOption(args, "--admin-port")) args << "--admin-port" << "0";

@@ -1,5 +1,16 @@
 #include "TestSupport.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define OSTV_LEAK_CHECK 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define OSTV_LEAK_CHECK 1
+#endif
+#endif
+#if OSTV_LEAK_CHECK
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include <QDir>
 #include <QFile>
 #include <cstdlib>
@@ -66,10 +77,12 @@ void isolateSettings() {
 StdoutCapture::StdoutCapture() {
     fflush(stdout);
     int fds[2];
-    if (pipe(fds) != 0) return;
+    // Close-on-exec: a program the test starts (the server, a shell) must not hold the test's own
+    // output open, or whoever reads it (CTest) waits for that program to end too.
+    if (pipe2(fds, O_CLOEXEC) != 0) return;
     fcntl(fds[0], F_SETFL, O_NONBLOCK);
     fcntl(fds[1], F_SETPIPE_SZ, 1 << 20);
-    savedFd_ = dup(STDOUT_FILENO);
+    savedFd_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
     dup2(fds[1], STDOUT_FILENO);
     close(fds[1]);
     pipeRead_ = fds[0];
@@ -99,6 +112,12 @@ StdoutCapture::~StdoutCapture() {
         close(savedFd_);
     }
     if (pipeRead_ >= 0) close(pipeRead_);
+}
+
+void checkLeaksNow() {
+#if OSTV_LEAK_CHECK
+    __lsan_do_leak_check();
+#endif
 }
 
 }  // namespace ostv::test

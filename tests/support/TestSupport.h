@@ -10,6 +10,11 @@ namespace ostv::test {
 // root, private XDG folders, and where the server binary and the sources are (kept when already set).
 void prepareEnvironment();
 
+// In a build with LeakSanitizer: checks for leaks now, while every library is still loaded (at exit,
+// plug-ins the toolkit has unloaded would leave their frames unnamed and beyond suppression). Ends the
+// process when it finds one. Does nothing in other builds.
+void checkLeaksNow();
+
 // Spins the event loop until pred() is true or the time is up; answers pred() at the end.
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 5000);
 

@@ -10,5 +10,7 @@ int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     ostv::test::isolateSettings();
-    return RUN_ALL_TESTS();
+    const int rc = RUN_ALL_TESTS();
+    ostv::test::checkLeaksNow();
+    return rc;
 }
