@@ -76,14 +76,8 @@ TEST(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     }
     SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("kicked") + "/secrets.json");
     ServerConfig::defaults().clear();
-    const QString slowShell = makeTempDir("slow-shell") + "/slow-sh";
-    {
-        QFile f(slowShell);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write("#!/bin/sh\nsleep 2\nexec /bin/sh \"$@\"\n");
-        f.close();
-        f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
+    const QString slowShell = writeSlowShell(2);
+    ASSERT_FALSE(slowShell.isEmpty());
     LocalServer server(QStringList{"--agents", "1", "--limit", "1", "--shell", slowShell});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     ServerConfig::setString(SettingsKey::serverHost, server.host());

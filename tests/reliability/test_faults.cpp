@@ -511,14 +511,8 @@ public:
 // left, and its shell is no orphan on the agent: the new controller sees it listed and can close it,
 // after which the server runs no shell at all.
 TEST_F(Faults, KickedWhileTheFirstSessionIsBeingSetUp) {
-    const QString slowShell = makeTempDir("slow-shell") + "/slow-sh";
-    {
-        QFile f(slowShell);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write("#!/bin/sh\nsleep 2\nexec /bin/sh \"$@\"\n");
-        f.close();
-        f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
+    const QString slowShell = writeSlowShell(2);
+    ASSERT_FALSE(slowShell.isEmpty());
     LocalServer server({"--agents", "1", "--limit", "1", "--shell", slowShell});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     useServer(server);
