@@ -67,6 +67,8 @@ public:
     bool keepFloodText = false;
 
     Client() { link.setDelegate(this); }
+    // Errors arrive on the transport's thread: it is stopped before the members it writes go away.
+    ~Client() override { link.disconnect(); }
 
     bool pair(const QString& code, int ms = 20000) {
         link.connect(Host{}, code.toStdString(), std::string("tester"));

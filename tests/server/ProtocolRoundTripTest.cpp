@@ -155,12 +155,13 @@ public:
     void quicTransportDidEncounterError(QUICTransport*, const QUICTransportError&) override {}
 
 private:
-    QUICTransport transport_;
     QUICTransportState::Kind kind_ = QUICTransportState::Kind::setup;
     std::mutex mutex_;
     LineSplitter splitter_;
     std::vector<std::string> lines_;
     int undecodable_ = 0;
+    // Last, so that it goes first: its thread delivers data into the members above until it has stopped.
+    QUICTransport transport_;
 };
 
 Message create(int64_t ptyId, const std::string& clientId, const std::string& cwd = "~") {

@@ -1,9 +1,12 @@
 #include "LocalServer.h"
 
+#include <gtest/gtest.h>
+
 #include <QUrl>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
@@ -30,7 +33,16 @@ bool hasOption(const QStringList& args, const QString& name) {
 
 LocalServer::LocalServer(QStringList args) : args_(std::move(args)) {}
 
-LocalServer::~LocalServer() { stop(); }
+LocalServer::~LocalServer() {
+    stop();
+    // A failed test shows what its server said (a sanitizer's report, a refusal, a crash).
+    if (::testing::Test::HasFailure()) {
+        const std::string out = output();
+        const size_t keep = 8192;
+        std::fprintf(stderr, "--- the server's output%s ---\n%s\n--- end of the server's output ---\n",
+                     out.size() > keep ? " (its end)" : "", out.substr(out.size() > keep ? out.size() - keep : 0).c_str());
+    }
+}
 
 QString LocalServer::adminUrl() const { return QStringLiteral("http://%1:%2").arg(host_).arg(adminPort_); }
 
