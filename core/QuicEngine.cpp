@@ -1,5 +1,6 @@
 #include "QuicEngine.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <netinet/in.h>
@@ -222,7 +223,21 @@ void QuicEngine::receivePacket(const uint8_t* data, size_t len) {
     if (closed_) return;
     if (rv != 0) {
         if (rv == NGTCP2_ERR_DRAINING) {
-            fail("connection closed by peer", true);
+            // A plain close says nothing more; an error the peer gave is worth a line in the log.
+            ngtcp2_connection_close_error peer;
+            ngtcp2_conn_get_connection_close_error(conn_, &peer);
+            std::string why = "connection closed by peer";
+            std::string detail;
+            if (peer.error_code != 0) {
+                const bool transport = peer.type == NGTCP2_CONNECTION_CLOSE_ERROR_CODE_TYPE_TRANSPORT;
+                detail = std::string(transport ? "transport" : "application") + " error " + std::to_string(peer.error_code);
+            }
+            if (peer.reasonlen != 0) {
+                if (!detail.empty()) detail += ": ";
+                detail.append(reinterpret_cast<const char*>(peer.reason), std::min<size_t>(peer.reasonlen, 200));
+            }
+            if (!detail.empty()) why += " (" + detail + ")";
+            fail(why, true);
         } else if (rv == NGTCP2_ERR_DROP_CONN) {
             fail("connection dropped", true);
         } else {

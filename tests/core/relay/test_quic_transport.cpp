@@ -122,6 +122,26 @@ TEST(QuicTransport, ServerGoingAwayIsReportedAsAFailure) {
     EXPECT_TRUE(r.has_value());
 }
 
+// The peer's close: a plain one reads as such; one with an error code names it, for the log.
+TEST(QuicTransport, ThePeersCloseErrorCodeIsNamedInTheFailure) {
+    for (const uint64_t code : {uint64_t{0}, uint64_t{7}}) {
+        Recorder rec;
+        EchoServer echo;
+        QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-1"));
+        t.setDelegate(&rec);
+        t.connect();
+        ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+        t.send("hello\n");  // the server knows a connection by its stream
+        ASSERT_TRUE(waitUntil([&] { return rec.text() == "echo:hello\n"; }, 10000));
+        ASSERT_TRUE(echo.last);
+        echo.last->close(code);
+        ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::failed); }, 10000));
+        const QString error = rec.states.back().error;
+        EXPECT_TRUE(error.contains("connection closed by peer")) << error.toStdString();
+        EXPECT_EQ(error.contains("application error 7"), code == 7) << error.toStdString();
+    }
+}
+
 TEST(QuicTransport, NobodyListeningLeavesTheAttemptWaiting) {
     Recorder rec;
     quint16 port;
