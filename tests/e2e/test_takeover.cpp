@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QMessageBox>
 #include <QTimer>
+#include <memory>
 
 #include "ClientIdentity.h"
 #include "ConnectionManager.h"
@@ -16,24 +17,55 @@
 using namespace ostv;
 using namespace ostv::test;
 
+namespace {
+
+// An agent of the local server that takes one controller, the client's settings pointing at it, and
+// two workspaces with their links.
+class Takeover : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (qEnvironmentVariableIsSet("OSTV_E2E_HOST")) {
+            GTEST_SKIP() << "needs the local server (started with a limit of one controller); skipped against "
+                            "OSTV_E2E_HOST=" << qEnvironmentVariable("OSTV_E2E_HOST").toStdString();
+        }
+        SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("takeover") + "/secrets.json");
+        ServerConfig::defaults().clear();
+    }
+    void TearDown() override {
+        linkA.disconnect();
+        linkB.disconnect();
+        SecretStore::useFileStoreOnlyForTesting(false);
+    }
+    // Starts the server (with `extra` arguments) and makes the two windows; answers the agent's code,
+    // empty when the server did not start.
+    QString startOneSeatAgent(const QStringList& extra = {}) {
+        server = std::make_unique<LocalServer>(QStringList{"--agents", "1", "--limit", "1"} + extra);
+        if (!server->start()) {
+            ADD_FAILURE() << server->errorString().toStdString();
+            return {};
+        }
+        ServerConfig::setString(SettingsKey::serverHost, server->host());
+        ServerConfig::setInteger(SettingsKey::serverQuicPort, server->quicPort());
+        ServerConfig::setInteger(SettingsKey::adminServerPort, server->adminPort());
+        firstWindow = std::make_unique<MainViewController>(&linkA);
+        secondWindow = std::make_unique<MainViewController>(&linkB);
+        return server->code(0);
+    }
+
+    std::unique_ptr<LocalServer> server;
+    ConnectionManager linkA, linkB;
+    std::unique_ptr<MainViewController> firstWindow, secondWindow;  // go before their links
+};
+
+}  // namespace
+
 // Two workspaces on one agent that takes one controller: the second gets the chooser, and its takeover
 // pushes the first out.
-TEST(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
-    if (qEnvironmentVariableIsSet("OSTV_E2E_HOST")) {
-        GTEST_SKIP() << "needs the local server (started with a limit of one controller); skipped against "
-                        "OSTV_E2E_HOST=" << qEnvironmentVariable("OSTV_E2E_HOST").toStdString();
-    }
-    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("takeover") + "/secrets.json");
-    ServerConfig::defaults().clear();
-    LocalServer server(QStringList{"--agents", "1", "--limit", "1"});
-    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
-    ServerConfig::setString(SettingsKey::serverHost, server.host());
-    ServerConfig::setInteger(SettingsKey::serverQuicPort, server.quicPort());
-    ServerConfig::setInteger(SettingsKey::adminServerPort, server.adminPort());
-    const QString code = server.code(0);
-
-    ConnectionManager linkA, linkB;
-    MainViewController first(&linkA), second(&linkB);
+TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
+    const QString code = startOneSeatAgent();
+    ASSERT_FALSE(code.isEmpty());
+    MainViewController& first = *firstWindow;
+    MainViewController& second = *secondWindow;
     first.resize(1200, 800);
     second.resize(1200, 800);
 
@@ -61,32 +93,18 @@ TEST(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     auto* alert = first.findChild<QMessageBox*>("connectionErrorAlert");
     ASSERT_NE(alert, nullptr);
     EXPECT_TRUE(alert->informativeText().endsWith(" (by bob)")) << alert->informativeText().toStdString();
-    linkA.disconnect();
-    linkB.disconnect();
-    SecretStore::useFileStoreOnlyForTesting(false);
 }
 
 // Taken over while the first session is still being set up (its shell is slow to start): the kicked
 // window ends the set-up for good — no tab appears later, no set-up timer is left, no set-up error is
 // shown on top of the kick — and everything it stored is kept.
-TEST(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
-    if (qEnvironmentVariableIsSet("OSTV_E2E_HOST")) {
-        GTEST_SKIP() << "needs the local server (a slow shell, a limit of one controller); skipped against "
-                        "OSTV_E2E_HOST=" << qEnvironmentVariable("OSTV_E2E_HOST").toStdString();
-    }
-    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("kicked") + "/secrets.json");
-    ServerConfig::defaults().clear();
+TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     const QString slowShell = writeSlowShell(2);
     ASSERT_FALSE(slowShell.isEmpty());
-    LocalServer server(QStringList{"--agents", "1", "--limit", "1", "--shell", slowShell});
-    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
-    ServerConfig::setString(SettingsKey::serverHost, server.host());
-    ServerConfig::setInteger(SettingsKey::serverQuicPort, server.quicPort());
-    ServerConfig::setInteger(SettingsKey::adminServerPort, server.adminPort());
-    const QString code = server.code(0);
-
-    ConnectionManager linkA, linkB;
-    MainViewController first(&linkA), second(&linkB);
+    const QString code = startOneSeatAgent({"--shell", slowShell});
+    ASSERT_FALSE(code.isEmpty());
+    MainViewController& first = *firstWindow;
+    MainViewController& second = *secondWindow;
     first.sessions().pendingAutoCreate = true;
     first.connectPanelDidRequestPairWithCode(nullptr, code, "alice");
     first.sessions().pendingAutoCreate = true;
@@ -111,7 +129,4 @@ TEST(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     for (QTimer* t : first.sessions().findChildren<QTimer*>()) EXPECT_FALSE(t->isActive()) << "a timer still runs";
     EXPECT_EQ(ServerConfig::defaults().allKeys(), keysBefore);
     EXPECT_TRUE(ServerConfig::stringList(SettingsKey::confirmedAgentCodes).value_or(QStringList{}).contains(code));
-    linkA.disconnect();
-    linkB.disconnect();
-    SecretStore::useFileStoreOnlyForTesting(false);
 }

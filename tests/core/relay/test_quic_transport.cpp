@@ -44,6 +44,12 @@ public:
         for (const auto& s : states) if (s.kind == k) return true;
         return false;
     }
+    // Reports for `t` come here; connects it and waits until it is ready.
+    bool connect(QUICTransport& t) {
+        t.setDelegate(this);
+        t.connect();
+        return waitUntil([&] { return reached(QUICTransportState::Kind::ready); }, 10000);
+    }
 };
 
 struct EchoServer {
@@ -111,9 +117,7 @@ TEST(QuicTransport, ServerGoingAwayIsReportedAsAFailure) {
     Recorder rec;
     auto echo = std::make_unique<EchoServer>();
     QUICTransport t("127.0.0.1", echo->server.port(), QString("ctrl-1"));
-    t.setDelegate(&rec);
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    ASSERT_TRUE(rec.connect(t));
     echo.reset();  // the listener closes its connections and its socket
     ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::failed); }, 20000));
     EXPECT_GE(rec.errorCount(), 1u);
@@ -128,9 +132,7 @@ TEST(QuicTransport, ThePeersCloseErrorCodeIsNamedInTheFailure) {
         Recorder rec;
         EchoServer echo;
         QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-1"));
-        t.setDelegate(&rec);
-        t.connect();
-        ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+        ASSERT_TRUE(rec.connect(t));
         t.send("hello\n");  // the server knows a connection by its stream
         ASSERT_TRUE(waitUntil([&] { return rec.text() == "echo:hello\n"; }, 10000));
         ASSERT_TRUE(echo.last);
@@ -181,9 +183,7 @@ TEST(QuicTransport, LargeTransfersArriveWholeAndInOrderBothWays) {
     EchoServer echo;
     Recorder rec;
     QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-3"));
-    t.setDelegate(&rec);
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    ASSERT_TRUE(rec.connect(t));
     std::string expected;
     for (int i = 0; i < 200; ++i) {
         std::string line = std::to_string(i);
@@ -222,9 +222,7 @@ TEST(QuicTransport, PausedReadingHoldsThePeerBackAndResumingDeliversEverythingIn
     EchoServer echo;
     Recorder rec;
     QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-4"));
-    t.setDelegate(&rec);
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    ASSERT_TRUE(rec.connect(t));
     t.send("start");  // the client speaks first: only then does the relay see the stream
     std::string expected = "echo:start\n";
     ASSERT_TRUE(waitUntil([&] { return rec.text() == expected && echo.last; }, 5000));
@@ -257,9 +255,7 @@ TEST(QuicServerLines, ALineOverTheLimitIsDroppedAndTheStreamGoesOn) {
     echo.server.maxLineBytes = 4096;
     Recorder rec;
     QUICTransport t("127.0.0.1", echo.server.port(), std::nullopt);
-    t.setDelegate(&rec);
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    ASSERT_TRUE(rec.connect(t));
     StdoutCapture log;
     t.send(std::string(4096, 'a'));     // exactly at the limit: kept
     t.send(std::string(4097, 'b'));     // one byte over, in one packet
