@@ -87,6 +87,10 @@ public:
     QUICTransport* transport() const { return quicTransport_.get(); }
     int pingCount() const { return pingCount_; }
     bool isPingTimerActive() const { return pingTimer_.isActive(); }
+    // The number of the current link attempt: it changes on every connect and disconnect. Readable from
+    // any thread, so that an error reported on the transport thread can be matched, once on the main
+    // thread, against the attempt that is current by then.
+    uint64_t attempt() const { return generation_.load(); }
     void setPingIntervalForTesting(int ms) { pingIntervalMs_ = ms; }
 
     // RelayLink

@@ -239,12 +239,20 @@ void MainViewController::connectionManagerDidReceivePtyError(ConnectionManager*,
     sessions_.didReceivePtyError(ptyId, qs(reason));
 }
 
-void MainViewController::connectionManagerDidReceiveError(ConnectionManager*, const std::string& message) {
-    // Transport errors arrive on the transport thread: everything here happens on the main thread.
+void MainViewController::connectionManagerDidReceiveError(ConnectionManager* m, const std::string& message) {
+    // Transport errors arrive on the transport thread: everything here happens on the main thread. An
+    // error from a link that has ended by then (kicked, given up, replaced by a new pairing) is no news:
+    // the user has already been told why that link ended.
     QPointer<MainViewController> self(this);
+    QPointer<ConnectionManager> link(m);
+    const uint64_t attempt = m ? m->attempt() : 0;
     const QString text = qs(message);
-    postToMain([self, text] {
+    postToMain([self, link, attempt, text] {
         if (!self) return;
+        if (link && link->attempt() != attempt) {
+            Logger::info("Relay: an error from an earlier link, not shown: " + text.toStdString());
+            return;
+        }
         if (self->currentConnectPanel && !self->currentConnectPanel->isPaired()) {
             self->currentConnectPanel->pairDidFail(text);
             return;
@@ -446,6 +454,14 @@ void MainViewController::terminalViewDidCloseTab(TerminalView*, int64_t ptyId) {
 }
 
 void MainViewController::showError(const QString& text) {
+    // One alert at a time: a failing link reports itself more than once (the transport's error, then
+    // the failed state), and a stack of modal boxes helps nobody. The open one says the latest.
+    for (QMessageBox* open : findChildren<QMessageBox*>(QStringLiteral("connectionErrorAlert"), Qt::FindDirectChildrenOnly)) {
+        if (open->isVisible()) {
+            open->setInformativeText(text);
+            return;
+        }
+    }
     auto* box = new QMessageBox(QMessageBox::Warning, QStringLiteral("连接错误"), QStringLiteral("连接错误"),
                                 QMessageBox::NoButton, this);
     box->setInformativeText(text);

@@ -9,6 +9,7 @@
 #include <QPalette>
 #include <QPointer>
 #include <QMenuBar>
+#include <QMessageBox>
 #include <QTest>
 #include <QWebEnginePage>
 #include <QWebEngineView>
@@ -388,6 +389,7 @@ TEST_F(Product, RelayStoppedUnderLiveSessionsThenPairingAgainGetsThemBack) {
     spin(500);  // nothing more happens to the window while the relay is away
     ASSERT_TRUE(w);
     EXPECT_EQ(w->statusBar->textLabel()->text(), "连接已断开");
+    EXPECT_EQ(w->findChildren<QMessageBox*>("connectionErrorAlert").size(), 1) << "one alert for one lost link";
     ASSERT_TRUE(server->startRelay());
     // Paired before: a double-click alone, and both shells come back as they were left.
     doubleClickAgent(0);

@@ -4,6 +4,7 @@
 #include <QMessageBox>
 #include <QTimer>
 #include <memory>
+#include <thread>
 
 #include "ClientIdentity.h"
 #include "ConnectionManager.h"
@@ -129,4 +130,32 @@ TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     for (QTimer* t : first.sessions().findChildren<QTimer*>()) EXPECT_FALSE(t->isActive()) << "a timer still runs";
     EXPECT_EQ(ServerConfig::defaults().allKeys(), keysBefore);
     EXPECT_TRUE(ServerConfig::stringList(SettingsKey::confirmedAgentCodes).value_or(QStringList{}).contains(code));
+}
+
+// The race behind a kick: the transport thread reports the closed link while the kick is still on its
+// way to the main thread, which then ends the link. The report must not turn into a second alert; and
+// while an alert is open, a later error updates it instead of stacking another on top.
+TEST_F(Takeover, AnErrorFromALinkThatHasEndedIsNotShownAndAlertsDoNotStack) {
+    MainViewController window(&linkA);
+    const auto alerts = [&] { return window.findChildren<QMessageBox*>("connectionErrorAlert"); };
+
+    std::thread transportThread([&] { window.connectionManagerDidReceiveError(&linkA, "连接失败: closed by the server"); });
+    transportThread.join();
+    linkA.disconnect();  // the kick, handled before the report reaches the main thread
+    spin(100);
+    EXPECT_TRUE(alerts().isEmpty()) << alerts().first()->informativeText().toStdString();
+
+    window.connectionManagerDidReceiveError(&linkA, "连接失败: first");
+    window.connectionManagerDidReceiveError(&linkA, "Connection failed: 连接失败: second");
+    spin(100);
+    ASSERT_EQ(alerts().size(), 1);
+    EXPECT_EQ(alerts().first()->informativeText(), "Connection failed: 连接失败: second");
+
+    // Once the user has dismissed it, the next error gets an alert of its own.
+    alerts().first()->accept();
+    spin(50);
+    window.connectionManagerDidReceiveError(&linkA, "连接失败: third");
+    spin(100);
+    ASSERT_EQ(alerts().size(), 1);
+    EXPECT_EQ(alerts().first()->informativeText(), "连接失败: third");
 }
