@@ -2,12 +2,15 @@
 
 #include <QFile>
 #include <QMessageBox>
+#include <QSettings>
 #include <QTimer>
+#include <map>
 #include <memory>
 #include <thread>
 
 #include "ClientIdentity.h"
 #include "ConnectionManager.h"
+#include "EnvStore.h"
 #include "FrozenOverlay.h"
 #include "LocalServer.h"
 #include "MainViewController.h"
@@ -19,6 +22,15 @@ using namespace ostv;
 using namespace ostv::test;
 
 namespace {
+
+// Everything in the settings store, to compare before and after.
+std::map<QString, QVariant> storedSettings() {
+    std::map<QString, QVariant> all;
+    QSettings& s = ServerConfig::defaults();
+    s.sync();
+    for (const QString& key : s.allKeys()) all[key] = s.value(key);
+    return all;
+}
 
 // An agent of the local server that takes one controller, the client's settings pointing at it, and
 // two workspaces with their links.
@@ -97,8 +109,9 @@ TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
 }
 
 // Taken over while the first session is still being set up (its shell is slow to start): the kicked
-// window ends the set-up for good — no tab appears later, no set-up timer is left, no set-up error is
-// shown on top of the kick — and everything it stored is kept.
+// window ends the set-up for good — no tab appears later, no set-up or ping timer is left, no set-up
+// error is shown on top of the kick — its shell is no orphan on the agent, and everything it stored
+// is kept.
 TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     const QString slowShell = writeSlowShell(2);
     ASSERT_FALSE(slowShell.isEmpty());
@@ -110,10 +123,12 @@ TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     first.connectPanelDidRequestPairWithCode(nullptr, code, "alice");
     first.sessions().pendingAutoCreate = true;
     ASSERT_TRUE(waitUntil([&] { return !first.sessions().pendingSetup.empty(); }, 10000));
-    const QStringList keysBefore = ServerConfig::defaults().allKeys();
+    const QString envKey = EnvStore::storageKey("machine-1", "/home/u/project").value_or("");
+    EnvStore::save(envKey, {{"API_URL", "https://example.test/v1"}});
 
     second.connectPanelDidRequestPairWithCode(nullptr, code, "bob");
     ASSERT_TRUE(waitUntil([&] { return second.controllerChooser != nullptr; }, 10000));
+    const auto before = storedSettings();  // with what bob's pairing request stored
     clickRow(second.controllerChooser->tableView, 0);
     QTest::mouseClick(second.controllerChooser->takeoverButton, Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
@@ -128,7 +143,17 @@ TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     ASSERT_EQ(alerts.size(), 1);
     EXPECT_TRUE(alerts.first()->informativeText().endsWith(" (by bob)")) << alerts.first()->informativeText().toStdString();
     for (QTimer* t : first.sessions().findChildren<QTimer*>()) EXPECT_FALSE(t->isActive()) << "a timer still runs";
-    EXPECT_EQ(ServerConfig::defaults().allKeys(), keysBefore);
+    EXPECT_FALSE(linkA.isPingTimerActive());
+    // The kicked side's shell is no orphan: the window that took the seat lists it among its sessions,
+    // and closing it there leaves the agent without a shell.
+    EXPECT_EQ(server->childCount(), 1);
+    ASSERT_TRUE(waitUntil([&] { return second.resourcePanelView->users().size() == 1; }, 5000));
+    const User kept = second.resourcePanelView->users().first();
+    EXPECT_EQ(kept.id, "pty-1");
+    second.resourcePanelViewDidRequestCloseSession(second.resourcePanelView, kept);
+    EXPECT_TRUE(waitUntil([&] { return server->childCount() == 0; }, 5000)) << "a shell was left behind";
+    EXPECT_EQ(storedSettings(), before);
+    EXPECT_EQ(EnvStore::load(envKey).size(), 1);
     EXPECT_TRUE(ServerConfig::stringList(SettingsKey::confirmedAgentCodes).value_or(QStringList{}).contains(code));
 }
 

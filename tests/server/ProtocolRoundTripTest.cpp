@@ -439,6 +439,9 @@ TEST_F(RoundTrip, ClientThatConnectsAgainGetsItsShellBack) {
         EXPECT_EQ(p.ptyId, 1);
         EXPECT_EQ(p.state, "running");
         EXPECT_FALSE(p.controllerId.empty());
+        if (p.clientId == "client-a") {
+            EXPECT_EQ(p.controllerId, firstId) << "the last controller of that client";
+        }
         clients.insert(p.clientId.value_or(""));
     }
     EXPECT_EQ(clients, (std::set<std::string>{"client-a", "client-b"}));

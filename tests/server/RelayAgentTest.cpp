@@ -290,36 +290,6 @@ TEST_F(RelayTest, ClosingAnotherClientsSessionEndsItForItsOwner) {
     EXPECT_EQ(a->output(3, mark).find("leaked2"), std::string::npos);
 }
 
-TEST_F(RelayTest, ClientThatPairsAgainGetsItsShellAndWhatItMissed) {
-    Peer a;
-    std::string idA = pair(a, "alice");
-    a.send(create(1, "client-x"));
-    a.send(input(1, "echo ready$((1+1)); sleep 0.4; echo missed$((3+4))\r"));
-    ASSERT_TRUE(a->waitOutput(1, "ready2"));
-    a.leave();
-    ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
-    spin(700);  // the shell writes while nobody is there
-
-    Peer again;
-    std::string idAgain = pair(again, "alice");
-    auto ptys = listPtys(again);
-    ASSERT_EQ(ptys.size(), 1u);
-    EXPECT_EQ(ptys[0].ptyId, 1);
-    EXPECT_EQ(ptys[0].clientId, "client-x");
-    EXPECT_EQ(ptys[0].controllerId, idA) << "the last controller of that client";
-
-    // Its first request about the shell re-attaches the new controller to the client.
-    Message rs("RESIZE");
-    rs.ptyId = 1;
-    rs.cols = 90;
-    rs.rows = 30;
-    again.send(rs);
-    EXPECT_TRUE(again->waitOutput(1, "missed7")) << "output from while it was away is replayed";
-    again.send(input(1, "echo back$((5+5))\r"));
-    EXPECT_TRUE(again->waitOutput(1, "back10"));
-    EXPECT_EQ(listPtys(again).at(0).controllerId, idAgain);
-}
-
 TEST_F(RelayTest, ReattachAmongSeveralLeftOverShellsGoesByNicknameOrNowhere) {
     Peer a, b;
     pair(a, "alice");

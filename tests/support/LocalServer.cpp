@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
 #include <QUrl>
 #include <cerrno>
 #include <chrono>
@@ -298,6 +300,23 @@ bool LocalServer::startRelay(int timeoutMs) {
     const size_t mark = outputMark();
     ::kill(pid_, SIGUSR2);
     return waitForOutput("relay started again", timeoutMs, mark);
+}
+
+int LocalServer::childCount() const {
+    if (pid_ <= 0) return 0;
+    int n = 0;
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool isPid = false;
+        entry.toInt(&isPid);
+        if (!isPid) continue;
+        QFile stat(QStringLiteral("/proc/") + entry + QStringLiteral("/stat"));
+        if (!stat.open(QIODevice::ReadOnly)) continue;
+        const QByteArray text = stat.readAll();
+        // "pid (name) state ppid ...": the name may hold blanks, so read after its closing bracket.
+        const QList<QByteArray> rest = text.mid(text.lastIndexOf(')') + 2).split(' ');
+        if (rest.size() > 1 && rest[1].toInt() == pid_) ++n;
+    }
+    return n;
 }
 
 }  // namespace ostv::test

@@ -48,6 +48,9 @@ public:
     bool startRelay(int timeoutMs = 5000);
     bool isRunning() const;
     pid_t pid() const { return pid_; }
+    // How many processes the server program has started and that still exist (its direct children:
+    // the agents' shells).
+    int childCount() const;
 
     QString host() const { return host_; }
     quint16 quicPort() const { return quicPort_; }
