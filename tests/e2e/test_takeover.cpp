@@ -2,9 +2,7 @@
 
 #include <QFile>
 #include <QMessageBox>
-#include <QSettings>
 #include <QTimer>
-#include <map>
 #include <memory>
 #include <thread>
 
@@ -22,15 +20,6 @@ using namespace ostv;
 using namespace ostv::test;
 
 namespace {
-
-// Everything in the settings store, to compare before and after.
-std::map<QString, QVariant> storedSettings() {
-    std::map<QString, QVariant> all;
-    QSettings& s = ServerConfig::defaults();
-    s.sync();
-    for (const QString& key : s.allKeys()) all[key] = s.value(key);
-    return all;
-}
 
 // An agent of the local server that takes one controller, the client's settings pointing at it, and
 // two workspaces with their links.
@@ -128,7 +117,7 @@ TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
 
     second.connectPanelDidRequestPairWithCode(nullptr, code, "bob");
     ASSERT_TRUE(waitUntil([&] { return second.controllerChooser != nullptr; }, 10000));
-    const auto before = storedSettings();  // with what bob's pairing request stored
+    const auto before = snapshot(ServerConfig::defaults());  // with what bob's pairing request stored
     clickRow(second.controllerChooser->tableView, 0);
     QTest::mouseClick(second.controllerChooser->takeoverButton, Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
@@ -152,7 +141,7 @@ TEST_F(Takeover, KickedWhileTheFirstSessionIsBeingSetUp) {
     EXPECT_EQ(kept.id, "pty-1");
     second.resourcePanelViewDidRequestCloseSession(second.resourcePanelView, kept);
     EXPECT_TRUE(waitUntil([&] { return server->childCount() == 0; }, 5000)) << "a shell was left behind";
-    EXPECT_EQ(storedSettings(), before);
+    EXPECT_EQ(snapshot(ServerConfig::defaults()), before);
     EXPECT_EQ(EnvStore::load(envKey).size(), 1);
     EXPECT_TRUE(ServerConfig::stringList(SettingsKey::confirmedAgentCodes).value_or(QStringList{}).contains(code));
 }

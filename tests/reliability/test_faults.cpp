@@ -10,7 +10,6 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QProcess>
-#include <QSettings>
 #include <QTimer>
 #include <algorithm>
 #include <arpa/inet.h>
@@ -131,15 +130,6 @@ private:
     std::vector<std::string> errors;
 };
 
-// Everything in the settings store, to compare before and after a fault.
-std::map<QString, QVariant> storedSettings() {
-    std::map<QString, QVariant> all;
-    QSettings& s = ServerConfig::defaults();
-    s.sync();
-    for (const QString& key : s.allKeys()) all[key] = s.value(key);
-    return all;
-}
-
 // What this process holds: its resident memory, or under AddressSanitizer (whose quarantine keeps
 // freed blocks resident for a while) the heap bytes still allocated.
 long residentKiB() {
@@ -176,7 +166,7 @@ protected:
         ServerConfig::setInteger(SettingsKey::adminServerPort, s.adminPort());
     }
     void expectNothingStoredLost(const std::map<QString, QVariant>& before) {
-        EXPECT_EQ(storedSettings(), before);
+        EXPECT_EQ(snapshot(ServerConfig::defaults()), before);
         const QList<EnvRow> rows = EnvStore::load(envKey);
         ASSERT_EQ(rows.size(), 2);
         EXPECT_EQ(rows[1].value, "a b \"c\"");
@@ -188,7 +178,7 @@ TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
     LocalServer server({"--agents", "1"});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     useServer(server);
-    const auto before = storedSettings();
+    const auto before = snapshot(ServerConfig::defaults());
     Client c;
     ASSERT_TRUE(c.pair(server.code()));
     c.create(1);
@@ -466,7 +456,7 @@ TEST_F(Faults, ARelayThatAnswersWithGarbageHugeLinesOrNothing) {
     ASSERT_TRUE(relay.listen(QHostAddress::LocalHost, 0));
     ServerConfig::setString(SettingsKey::serverHost, "127.0.0.1");
     ServerConfig::setInteger(SettingsKey::serverQuicPort, relay.port());
-    const auto before = storedSettings();
+    const auto before = snapshot(ServerConfig::defaults());
 
     {  // never answers: the client says it waits for the relay's answer (the connect panel gives up on
        // its own clock) and nothing else happens; giving up leaves nothing running

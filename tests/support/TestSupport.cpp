@@ -130,4 +130,11 @@ void checkLeaksNow() {
 #endif
 }
 
+std::map<QString, QVariant> snapshot(QSettings& settings) {
+    settings.sync();
+    std::map<QString, QVariant> all;
+    for (const QString& key : settings.allKeys()) all[key] = settings.value(key);
+    return all;
+}
+
 }  // namespace ostv::test

@@ -1,8 +1,11 @@
 #pragma once
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QSettings>
 #include <QString>
+#include <QVariant>
 #include <functional>
+#include <map>
 
 namespace ostv::test {
 
@@ -30,6 +33,9 @@ QString writeSlowShell(int seconds);
 
 // Points the application's settings store at a fresh private folder and empties it.
 void isolateSettings();
+
+// Everything in a settings store, written through first: to compare before and after a fault.
+std::map<QString, QVariant> snapshot(QSettings& settings);
 
 // Captures everything written to standard output (the log) while alive.
 class StdoutCapture {
