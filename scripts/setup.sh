@@ -13,7 +13,7 @@ need_root() {
 PACKAGES=(
   build-essential cmake pkg-config git ca-certificates
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
-  qt6-webengine-dev qt6-webengine-dev-tools qt6-webchannel-dev qt6-httpserver-dev qt6-svg-dev
+  qt6-webengine-dev qt6-webengine-dev-tools qt6-webchannel-dev qt6-httpserver-dev qt6-websockets-dev qt6-svg-dev
   qtkeychain-qt6-dev
   libngtcp2-dev libngtcp2-crypto-gnutls-dev libgnutls28-dev
   nlohmann-json3-dev
@@ -22,7 +22,7 @@ PACKAGES=(
   gnome-keyring dbus dbus-x11 libsecret-tools
   fonts-noto-cjk fonts-noto-color-emoji fonts-dejavu-core
   clang libclang-rt-14-dev
-  iproute2 procps
+  iproute2 procps jq
 )
 
 missing=()
