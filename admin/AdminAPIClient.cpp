@@ -157,6 +157,7 @@ struct AgentAPIResponse {
     std::optional<std::string> os;
     std::optional<double> cpu;
     std::optional<double> mem;
+    std::optional<std::string> hostname;
 };
 
 QString newUuidText() { return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper(); }
@@ -223,6 +224,7 @@ std::optional<QList<Host>> AdminAgents::decodeHosts(std::string_view body) {
             a.os = optionalString(element, "os");
             a.cpu = optionalNumber(element, "cpu");
             a.mem = optionalNumber(element, "mem");
+            a.hostname = optionalString(element, "hostname");
             agents.push_back(std::move(a));
         }
     } catch (const DecodeError&) {
@@ -261,6 +263,7 @@ std::optional<QList<Host>> AdminAgents::decodeHosts(std::string_view body) {
         h.os = toQString(a->os).value_or(QString());
         h.memLoad = (a->mem && *a->mem > 0) ? QString::asprintf("%.0f%%", *a->mem) : QString();
         h.machineId = toQString(a->machineId).value_or(QString());
+        h.hostname = toQString(a->hostname).value_or(QString()).simplified();  // one line, blank = none
         hosts.push_back(std::move(h));
     }
     return hosts;

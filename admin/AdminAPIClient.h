@@ -64,9 +64,10 @@ private:
 namespace AdminAgents {
 // Strict decode of the body of GET /admin/agents, de-duplicated and converted to hosts in the
 // server's order. None when the body is not a JSON array of agent objects (one bad element fails
-// the whole list).
+// the whole list). An agent's optional "hostname" (a string when present) becomes Host::hostname,
+// on one line; other unknown members are ignored.
 std::optional<QList<Host>> decodeHosts(std::string_view body);
-// The host name shown for an "os" word: "linux" -> "Linux", "darwin" -> "macOS",
+// The name shown for an "os" word: "linux" -> "Linux", "darwin" -> "macOS",
 // "windows" -> "Windows", anything else as it is, none -> "Unknown".
 QString displayName(const std::optional<QString>& os);
 }  // namespace AdminAgents

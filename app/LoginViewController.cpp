@@ -4,6 +4,7 @@
 #include <QFontDatabase>
 #include <QPainter>
 #include <QPointer>
+#include <QTextBoundaryFinder>
 #include <QVBoxLayout>
 
 #include "AdminAPIClient.h"
@@ -41,14 +42,29 @@ QLineEdit* field(const QString& placeholder, QWidget* parent) {
 }
 }  // namespace
 
+namespace {
+// Where each character (as the user sees one: a grapheme, which may be several code points and, past
+// the basic plane, more than one UTF-16 unit) ends.
+QList<qsizetype> characterEnds(const QString& text) {
+    QList<qsizetype> ends;
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    while (finder.toNextBoundary() > 0) ends.append(finder.position());
+    return ends;
+}
+}  // namespace
+
 QString applyPasswordEdit(const QString& text, QString& password) {
-    if (text.size() > password.size()) {
-        for (QChar c : text)
-            if (c != kMask) password.append(c);
-    } else if (text.size() < password.size()) {
-        password.truncate(text.size());
+    const qsizetype typed = characterEnds(text).size();
+    QList<qsizetype> ends = characterEnds(password);
+    if (typed > ends.size()) {
+        for (char32_t c : text.toUcs4())
+            if (c != kMask.unicode()) password.append(QString::fromUcs4(&c, 1));
+        ends = characterEnds(password);
+    } else if (typed < ends.size()) {
+        password.truncate(typed > 0 ? ends.at(typed - 1) : 0);
+        ends.resize(typed);
     }
-    return QString(password.size(), kMask);
+    return QString(ends.size(), kMask);
 }
 
 LoginViewController::LoginViewController(QWidget* parent) : QWidget(parent) {
@@ -130,7 +146,7 @@ void LoginViewController::prefillDefaults() {
     userField->setText(user && !user->isEmpty() ? *user : QString::fromLatin1(ServerConfig::defaultAdminUsername));
     const auto pass = AdminPassword::read();
     realPassword = pass && !pass->isEmpty() ? *pass : QString::fromLatin1(ServerConfig::defaultAdminPassword);
-    passField->setText(QString(realPassword.size(), kMask));
+    passField->setText(QString(characterEnds(realPassword).size(), kMask));
 }
 
 void LoginViewController::controlTextDidChange(const QString& text) {

@@ -9,6 +9,7 @@ set(OSTV_TEST_HOME "${CMAKE_BINARY_DIR}/test-home")
 set(OSTV_TEST_DEFINITIONS
   OSTV_TEST_HOME="${OSTV_TEST_HOME}"
   OSTV_SERVER_BIN_DEFAULT="${CMAKE_BINARY_DIR}/server/ostvarren-server"
+  OSTV_AGENT_BIN_DEFAULT="${CMAKE_BINARY_DIR}/server/ostvarren-agent"
   OSTV_SOURCE_DIR_DEFAULT="${CMAKE_SOURCE_DIR}")
 
 # ostv_add_gtest(name SOURCES ... LIBS ... [LABELS ...] [TIMEOUT s] [SERIAL])

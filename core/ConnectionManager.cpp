@@ -7,6 +7,7 @@
 
 #include "Logger.h"
 #include "MainThread.h"
+#include "OutputTrace.h"
 #include "ServerConfig.h"
 
 namespace ostv {
@@ -98,11 +99,9 @@ void ConnectionManager::quicTransportDidChangeState(QUICTransport* t, const QUIC
         case QUICTransportState::Kind::waiting: Logger::info("QUIC: Waiting..."); break;
         case QUICTransportState::Kind::failed:
             Logger::error("QUIC: Failed - " + s.error.toStdString());
-            if (auto* d = delegate_.get())
-                d->connectionManagerDidReceiveError(
-                    this, "Connection failed: " + QUICTransportError{QUICTransportError::Kind::connectionFailed, s.error}
-                                                      .description()
-                                                      .toStdString());
+            // The state carries the library's error itself; the transport reports the same failure on
+            // its own as "连接失败: ...", so the prefix is not added twice here.
+            if (auto* d = delegate_.get()) d->connectionManagerDidReceiveError(this, "Connection failed: " + s.error.toStdString());
             pingTimer_.stop();
             setStateAndTell(ConnectionState::of(ConnectionState::Kind::disconnected));
             break;
@@ -205,6 +204,7 @@ void ConnectionManager::lineReceived(QUICTransport* t, uint64_t gen, std::string
         Logger::error("Decode error: " + m.error());
         return;
     }
+    if (m->ptyId && m->type == "PTY_DATA") trace::mark(trace::Stage::received, *m->ptyId);
     post([this, msg = std::move(m).value()]() mutable { dispatch(std::move(msg)); });
 }
 
@@ -248,6 +248,7 @@ void ConnectionManager::dispatch(Message m) {
         if (d) d->connectionManagerWasKicked(this, m.reason.value_or(""), m.by.value_or(""));
         disconnect();
     } else if (m.type == "PTY_DATA" || m.type == "output") {
+        trace::mark(trace::Stage::dispatched, m.ptyId.value_or(1));
         if (d) d->connectionManagerDidReceiveOutput(this, m.data.value_or(""), m.ptyId.value_or(1));
     } else if (m.type == "PTY_EXIT") {
         if (d) d->connectionManagerDidReceivePtyExit(this, m.ptyId.value_or(0), -1);

@@ -25,7 +25,11 @@ struct Host {
     QString os;
     QString memLoad;
     QString machineId;
+    QString hostname;  // the agent's own name when the list gives one, else empty
     bool operator==(const Host&) const = default;
+
+    // What the user knows the agent by: its host name when there is one, else the system name.
+    const QString& title() const { return hostname.isEmpty() ? name : hostname; }
 };
 
 // One controller seat / session row.

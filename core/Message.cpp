@@ -130,8 +130,15 @@ Decoded<T> fromValue(const json& j, F&& body) {
 // of the text before parsing, left as a short marker, and put back into the parsed value afterwards.
 // Such a string is valid JSON exactly as it stands, so strictness is unchanged; everything else, the
 // structure and every type, is still checked by the JSON parser.
+//
+// A marker must never be mistaken for text the sender wrote. Its first character is U+0001: the parser
+// refuses that character raw inside a string, so the only way a sender can produce it is the escape
+// "\u0001" (its four digits have no letters, so it has no other spelling). Lines holding that escape
+// anywhere take the plain path. On top of that, the markers found after parsing must be exactly the
+// ones that were cut, each once; anything else parses the original text plainly.
 constexpr size_t kLongString = 512;
-constexpr std::string_view kMarkerPrefix = "\\u0001\\u0002#";  // text of a marker as it stands in JSON
+constexpr std::string_view kMarkerEscape = "\\u0001";              // how a sender would write U+0001
+constexpr std::string_view kMarkerPrefix = "\\u0001\\u0002#";   // text of a marker as it stands in JSON
 
 bool plainPrintableAscii(const char* p, size_t n) {
     unsigned bad = 0;
@@ -158,16 +165,26 @@ size_t stringEnd(std::string_view t, size_t open, bool& hasEscape) {
     }
 }
 
-void restoreLongStrings(json& j, std::vector<std::string>& longs) {
+// Puts the cut values back; false when a marker is malformed, unknown or seen twice, or one is missing.
+bool restoreLongStrings(json& j, std::vector<std::string>& longs, std::vector<bool>& used, size_t& restored) {
     if (j.is_object() || j.is_array()) {
-        for (auto& v : j) restoreLongStrings(v, longs);
+        for (auto& v : j)
+            if (!restoreLongStrings(v, longs, used, restored)) return false;
     } else if (j.is_string()) {
         auto& s = j.get_ref<std::string&>();
-        if (s.size() > 3 && s[0] == '\x01' && s[1] == '\x02' && s[2] == '#') {
-            size_t index = std::strtoul(s.c_str() + 3, nullptr, 10);
-            if (index < longs.size()) s = std::move(longs[index]);
+        if (s.empty() || s[0] != '\x01') return true;
+        if (s.size() < 4 || s[1] != '\x02' || s[2] != '#') return false;
+        size_t index = 0;
+        for (size_t i = 3; i < s.size(); ++i) {
+            if (s[i] < '0' || s[i] > '9' || i - 3 > 9) return false;
+            index = index * 10 + static_cast<size_t>(s[i] - '0');
         }
+        if (index >= longs.size() || used[index]) return false;
+        used[index] = true;
+        ++restored;
+        s = std::move(longs[index]);
     }
+    return true;
 }
 
 std::atomic<bool> g_fastPath{true};
@@ -175,9 +192,9 @@ std::atomic<bool> g_fastPath{true};
 Decoded<json> parseJson(std::string_view text) {
     std::vector<std::string> longs;
     std::string compact;
-    // Markers must not collide with text the sender wrote: lines that contain one take the plain path.
+    // Markers must not collide with text the sender wrote: lines that could spell one take the plain path.
     const bool mayCut = g_fastPath.load(std::memory_order_relaxed) && text.size() >= kLongString &&
-                        text.find(kMarkerPrefix) == std::string_view::npos;
+                        text.find(kMarkerEscape) == std::string_view::npos;
     if (mayCut) {
         size_t copied = 0, pos = 0;
         for (;;) {
@@ -205,7 +222,14 @@ Decoded<json> parseJson(std::string_view text) {
     const std::string_view source = longs.empty() ? text : std::string_view(compact);
     json j = json::parse(source.data(), source.data() + source.size(), nullptr, /*allow_exceptions=*/false);
     if (j.is_discarded()) return Decoded<json>::failure("invalid JSON");
-    if (!longs.empty()) restoreLongStrings(j, longs);
+    if (!longs.empty()) {
+        std::vector<bool> used(longs.size(), false);
+        size_t restored = 0;
+        if (!restoreLongStrings(j, longs, used, restored) || restored != longs.size()) {
+            j = json::parse(text.data(), text.data() + text.size(), nullptr, /*allow_exceptions=*/false);
+            if (j.is_discarded()) return Decoded<json>::failure("invalid JSON");
+        }
+    }
     return Decoded<json>::success(std::move(j));
 }
 

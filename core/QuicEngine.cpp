@@ -15,7 +15,11 @@ namespace {
 constexpr const char kPriority[] =
     "NORMAL:-VERS-ALL:+VERS-TLS1.3:-CIPHER-ALL:+AES-128-GCM:+AES-256-GCM:+CHACHA20-POLY1305:+AES-128-CCM:"
     "-GROUP-ALL:+GROUP-SECP256R1:+GROUP-X25519:+GROUP-SECP384R1:+GROUP-SECP521R1:%DISABLE_TLS13_COMPAT_MODE";
-constexpr size_t kMaxDatagram = 65527;
+constexpr size_t kMaxDatagram = NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE;  // the largest UDP payload
+constexpr size_t kLoopbackDatagram = 16384;
+// The client's link is kept alive by a PING after this much silence, well inside the idle time-out:
+// before pairing (and while the user reads the takeover chooser) nothing else is sent either way.
+constexpr ngtcp2_duration kKeepAlive = 5 * NGTCP2_SECONDS;
 constexpr size_t kServerCidLen = 18;
 
 QuicEngine* self(void* userData) { return static_cast<QuicEngine*>(userData); }
@@ -56,13 +60,19 @@ void commonSettings(ngtcp2_settings& s, const sockaddr* remote) {
     s.handshake_timeout = 10 * NGTCP2_SECONDS;
     if (isLoopback(remote)) {
         // Loopback carries large datagrams without fragmentation: fewer packets, far less work per byte.
-        s.max_tx_udp_payload_size = 16384;
+        // The size follows what the peer advertises (max_udp_payload_size) rather than a probed path
+        // MTU; the handshake itself still goes in standard-sized datagrams (datagramLimit).
+        s.max_tx_udp_payload_size = kLoopbackDatagram;
         s.no_tx_udp_payload_size_shaping = 1;
+    } else {
+        // Real paths: datagrams start at 1200 bytes and grow as path-MTU discovery confirms larger ones.
+        s.no_pmtud = 0;
     }
 }
 
 void commonParams(ngtcp2_transport_params& p) {
     ngtcp2_transport_params_default(&p);
+    p.max_udp_payload_size = kMaxDatagram;  // what we take in one datagram: the receive buffers hold it
     p.initial_max_stream_data_bidi_local = 4 * 1024 * 1024;
     p.initial_max_stream_data_bidi_remote = 4 * 1024 * 1024;
     p.initial_max_data = 8 * 1024 * 1024;
@@ -134,9 +144,10 @@ bool QuicEngine::setupTls(bool server, const std::string& serverName, gnutls_cer
         error = std::string("TLS credentials: ") + gnutls_strerror(rv);
         return false;
     }
-    gnutls_datum_t alpn{reinterpret_cast<unsigned char*>(const_cast<char*>(kRelayAlpn)),
-                        static_cast<unsigned>(std::strlen(kRelayAlpn))};
-    gnutls_alpn_set_protocols(tls_, &alpn, 1, GNUTLS_ALPN_MANDATORY);
+    std::vector<gnutls_datum_t> alpn;
+    for (const std::string& a : alpns)
+        alpn.push_back({reinterpret_cast<unsigned char*>(const_cast<char*>(a.data())), static_cast<unsigned>(a.size())});
+    gnutls_alpn_set_protocols(tls_, alpn.data(), static_cast<unsigned>(alpn.size()), GNUTLS_ALPN_MANDATORY);
     if (!server && !serverName.empty())
         gnutls_server_name_set(tls_, GNUTLS_NAME_DNS, serverName.data(), serverName.size());
     ngtcp2_conn_set_tls_native_handle(conn_, tls_);
@@ -178,13 +189,16 @@ bool QuicEngine::startClient(const sockaddr* local, socklen_t localLen, const so
         error = std::string("QUIC set-up failed: ") + ngtcp2_strerror(rv);
         return false;
     }
+    ngtcp2_conn_set_keep_alive_timeout(conn_, kKeepAlive);
     if (!setupTls(false, serverName, nullptr, error)) return false;
+    if (keepAliveMs > 0) ngtcp2_conn_set_keep_alive_timeout(conn_, keepAliveMs * NGTCP2_MILLISECONDS);
     flush();
     return !closed_;
 }
 
 bool QuicEngine::startServer(const sockaddr* local, socklen_t localLen, const sockaddr* remote, socklen_t remoteLen,
-                             const ngtcp2_pkt_hd& hd, gnutls_certificate_credentials_t credentials, std::string& error) {
+                             const ngtcp2_pkt_hd& hd, gnutls_certificate_credentials_t credentials, std::string& error,
+                             uint64_t maxUdpPayloadSize, const ngtcp2_cid* retryOriginalDcid) {
     server_ = true;
     std::memcpy(&local_, local, localLen);
     localLen_ = localLen;
@@ -202,7 +216,14 @@ bool QuicEngine::startServer(const sockaddr* local, socklen_t localLen, const so
     params.initial_max_streams_bidi = 4;
     params.initial_max_streams_uni = 0;
     params.max_idle_timeout = 30 * NGTCP2_SECONDS;
+    params.max_udp_payload_size = std::clamp<uint64_t>(maxUdpPayloadSize, NGTCP2_MAX_UDP_PAYLOAD_SIZE, kMaxDatagram);
     params.original_dcid = hd.dcid;
+    if (retryOriginalDcid) {
+        params.original_dcid = *retryOriginalDcid;
+        params.retry_scid = hd.dcid;
+        params.retry_scid_present = 1;
+        settings.token = hd.token;
+    }
     ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};
     const int rv = ngtcp2_conn_server_new(&conn_, &hd.scid, &scid, &path, hd.version, &cb, &settings, &params, nullptr, this);
     if (rv != 0) {
@@ -211,6 +232,12 @@ bool QuicEngine::startServer(const sockaddr* local, socklen_t localLen, const so
     }
     if (hooks_.newConnectionId) hooks_.newConnectionId(scid);
     return setupTls(true, {}, credentials, error);
+}
+
+std::string QuicEngine::selectedAlpn() const {
+    gnutls_datum_t p{};
+    if (!tls_ || gnutls_alpn_get_selected_protocol(tls_, &p) != 0) return {};
+    return std::string(reinterpret_cast<const char*>(p.data), p.size);
 }
 
 void QuicEngine::receivePacket(const uint8_t* data, size_t len) {
@@ -247,7 +274,7 @@ void QuicEngine::receivePacket(const uint8_t* data, size_t len) {
                 ngtcp2_connection_close_error_set_transport_error_tls_alert(&ccerr, ngtcp2_conn_get_tls_alert(conn_), nullptr, 0);
             else
                 ngtcp2_connection_close_error_set_transport_error_liberr(&ccerr, rv, nullptr, 0);
-            uint8_t buf[1500];
+            uint8_t buf[NGTCP2_MAX_UDP_PAYLOAD_SIZE];
             ngtcp2_pkt_info cpi{};
             const ngtcp2_ssize n = ngtcp2_conn_write_connection_close(conn_, nullptr, &cpi, buf, sizeof buf, &ccerr, quicTimestamp());
             if (n > 0 && hooks_.sendDatagram) hooks_.sendDatagram(buf, static_cast<size_t>(n));
@@ -311,7 +338,7 @@ void QuicEngine::close(uint64_t appErrorCode, const std::string& reason) {
         ngtcp2_connection_close_error_default(&ccerr);
         ngtcp2_connection_close_error_set_application_error(&ccerr, appErrorCode,
                                                              reinterpret_cast<const uint8_t*>(reason.data()), reason.size());
-        uint8_t buf[1500];
+        uint8_t buf[NGTCP2_MAX_UDP_PAYLOAD_SIZE];
         ngtcp2_pkt_info pi{};
         const ngtcp2_ssize n = ngtcp2_conn_write_connection_close(conn_, nullptr, &pi, buf, sizeof buf, &ccerr, quicTimestamp());
         if (n > 0 && hooks_.sendDatagram) hooks_.sendDatagram(buf, static_cast<size_t>(n));
@@ -398,9 +425,22 @@ int QuicEngine::onNewConnectionId(ngtcp2_cid* cid, uint8_t* token, size_t cidlen
     return 0;
 }
 
+size_t QuicEngine::datagramLimit() const {
+    // Until the handshake is done the peer's limit is not known for sure: standard-sized datagrams, which
+    // every QUIC endpoint takes (a client's Initial is padded to this size). After it, never more than
+    // the peer advertised.
+    if (!ngtcp2_conn_get_handshake_completed(conn_)) return NGTCP2_MAX_UDP_PAYLOAD_SIZE;
+    size_t limit = kMaxDatagram;
+    if (const ngtcp2_transport_params* peer = ngtcp2_conn_get_remote_transport_params(conn_);
+        peer && peer->max_udp_payload_size >= NGTCP2_MAX_UDP_PAYLOAD_SIZE)
+        limit = static_cast<size_t>(std::min<uint64_t>(limit, peer->max_udp_payload_size));
+    return limit;
+}
+
 void QuicEngine::flush() {
     if (closed_ || !conn_) return;
     static thread_local uint8_t buf[kMaxDatagram];
+    const size_t destlen = datagramLimit();
     bool streamBlocked = false;
     ngtcp2_path_storage ps;
     ngtcp2_path_storage_zero(&ps);
@@ -426,7 +466,7 @@ void QuicEngine::flush() {
         ngtcp2_ssize accepted = -1;
         ngtcp2_pkt_info pi{};
         const uint32_t flags = nvec ? NGTCP2_WRITE_STREAM_FLAG_MORE : NGTCP2_WRITE_STREAM_FLAG_NONE;
-        const ngtcp2_ssize n = ngtcp2_conn_writev_stream(conn_, &ps.path, &pi, buf, sizeof buf, &accepted, flags, sid,
+        const ngtcp2_ssize n = ngtcp2_conn_writev_stream(conn_, &ps.path, &pi, buf, destlen, &accepted, flags, sid,
                                                          nvec ? vec : nullptr, nvec, quicTimestamp());
         if (accepted > 0) sentOffset_ += static_cast<uint64_t>(accepted);
         if (n < 0) {

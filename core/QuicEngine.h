@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 #include <sys/socket.h>
 
 #include <gnutls/gnutls.h>
@@ -17,6 +18,8 @@
 namespace ostv {
 
 inline constexpr const char* kRelayAlpn = "ostvarren-ctrl";
+// What agents on other machines speak to the relay with.
+inline constexpr const char* kAgentAlpn = "ostvarren-agent";
 
 uint64_t quicTimestamp();  // monotonic nanoseconds, ngtcp2's clock
 
@@ -42,9 +45,14 @@ public:
     // Client: opens the handshake to `remote` with the given TLS server name (empty: none).
     bool startClient(const sockaddr* local, socklen_t localLen, const sockaddr* remote, socklen_t remoteLen,
                      const std::string& serverName, std::string& error);
-    // Server: accepts the connection whose first packet header is `hd`, with the given credentials.
+    // Server: accepts the connection whose first packet header is `hd`, with the given credentials; tells
+    // the client it may send datagrams of up to `maxUdpPayloadSize` bytes. After a Retry,
+    // `retryOriginalDcid` is the destination id of the client's first Initial (from the validated token,
+    // which `hd` carries).
     bool startServer(const sockaddr* local, socklen_t localLen, const sockaddr* remote, socklen_t remoteLen,
-                     const ngtcp2_pkt_hd& hd, gnutls_certificate_credentials_t credentials, std::string& error);
+                     const ngtcp2_pkt_hd& hd, gnutls_certificate_credentials_t credentials, std::string& error,
+                     uint64_t maxUdpPayloadSize = NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE,
+                     const ngtcp2_cid* retryOriginalDcid = nullptr);
 
     void receivePacket(const uint8_t* data, size_t len);
     void onTimer();
@@ -57,6 +65,14 @@ public:
     void setReadPaused(bool paused);
     // An orderly CONNECTION_CLOSE with the application error code; `closed` follows.
     void close(uint64_t appErrorCode = 0, const std::string& reason = {});
+
+    // The protocols offered (client: normally one) or accepted (server); set before start.
+    std::vector<std::string> alpns{kRelayAlpn};
+    // Client: the connection is kept alive by a probe after this long without traffic (0: none); set
+    // before start.
+    uint64_t keepAliveMs = 0;
+    // The protocol agreed in the handshake, empty before.
+    std::string selectedAlpn() const;
 
     bool isEstablished() const { return established_; }
     bool isClosed() const { return closed_; }
@@ -74,6 +90,7 @@ private:
     bool setupTls(bool server, const std::string& serverName, gnutls_certificate_credentials_t credentials,
                   std::string& error);
     void flush();
+    size_t datagramLimit() const;  // the largest datagram that may be written now
     void fail(const std::string& why, bool byPeer);
     void armTimer();
 

@@ -467,9 +467,10 @@ void ConnectPanelViewController::done(int result) {
 std::optional<QString> ConnectPanelViewController::envStorageKey() const {
     switch (mode_.kind) {
         case ConnectPanelMode::Kind::newSession:
-            return EnvStore::storageKey(mode_.machineId.value_or(QString()), pathField->text().trimmed());
+            return EnvStore::sessionStorageKey(mode_.machineId.value_or(QString()), pathField->text(),
+                                               mode_.homeDir.value_or(QString()));
         case ConnectPanelMode::Kind::editSession:
-            return EnvStore::storageKey(mode_.machineId.value_or(QString()), mode_.cwd);
+            return EnvStore::sessionStorageKey(mode_.machineId.value_or(QString()), mode_.cwd, QString());
         case ConnectPanelMode::Kind::newHost:
             return std::nullopt;
     }

@@ -4,6 +4,7 @@
 #include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QPainter>
+#include <QTextDocument>
 #include <QVBoxLayout>
 
 #include "HostListModel.h"
@@ -71,6 +72,10 @@ HostCell::HostCell(QWidget* parent) : QWidget(parent) {
     osIconView->setFixedSize(20, 20);
     nameLabel = new ElidingLabel(this);
     nameLabel->setFont(pixelFont(13, QFont::DemiBold));
+    osLabel = new ElidingLabel(this);
+    osLabel->setFont(pixelFont(10, QFont::Medium));
+    osLabel->setMaximumWidth(72);
+    osLabel->hide();
     statusLabel = new QLabel(this);
     statusLabel->setFont(pixelFont(11));
     userCountLabel = new QLabel(this);
@@ -83,8 +88,8 @@ HostCell::HostCell(QWidget* parent) : QWidget(parent) {
         l->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     }
     // Clicks go through to the list, which owns selection and double-click.
-    for (QWidget* w : std::initializer_list<QWidget*>{statusDot, osIconView, nameLabel, statusLabel, userCountLabel,
-                                                      cpuLabel, memLabel})
+    for (QWidget* w : std::initializer_list<QWidget*>{statusDot, osIconView, nameLabel, osLabel, statusLabel,
+                                                      userCountLabel, cpuLabel, memLabel})
         w->setAttribute(Qt::WA_TransparentForMouseEvents);
 
     auto* row = new QHBoxLayout(this);
@@ -104,6 +109,7 @@ HostCell::HostCell(QWidget* parent) : QWidget(parent) {
     top->addWidget(userCountLabel);
     auto* bottom = new QHBoxLayout;
     bottom->setSpacing(8);
+    bottom->addWidget(osLabel);
     bottom->addWidget(statusLabel);
     bottom->addStretch(1);
     bottom->addWidget(cpuLabel);
@@ -118,8 +124,12 @@ HostCell::HostCell(QWidget* parent) : QWidget(parent) {
 void HostCell::configure(const Host& host) {
     host_ = host;
     osIconView->setPixmap(OsIcons::pixmap(HostRows::osIconName(host.os), 20, Theme::isDarkMode(), devicePixelRatioF()));
-    nameLabel->setText(host.name);
-    nameLabel->setToolTip(host.name);
+    nameLabel->setText(host.title());
+    const QString caption = HostRows::osCaption(host);
+    osLabel->setText(caption);
+    osLabel->setVisible(!caption.isEmpty());
+    // As plain text: a host name is the server's text and must not be read as markup.
+    setToolTip(Qt::convertFromPlainText(HostRows::toolTip(host), Qt::WhiteSpaceNoWrap));
     statusLabel->setText(rawValue(host.status));
     userCountLabel->setText(HostRows::userCountText(host.userCount));
     statusDot->setColor(HostRows::colorFromHex(HostRows::statusColorText(host.status)).value_or(QColor()));
@@ -139,7 +149,7 @@ void HostCell::updateResources(const Host& host) {
 
 void HostCell::applyColors() {
     setTextColor(nameLabel, Theme::label());
-    for (QLabel* l : {statusLabel, userCountLabel, cpuLabel, memLabel}) setTextColor(l, Theme::secondaryLabel());
+    for (QLabel* l : {osLabel, statusLabel, userCountLabel, cpuLabel, memLabel}) setTextColor(l, Theme::secondaryLabel());
     if (!host_.id.isEmpty() || !host_.name.isEmpty())
         osIconView->setPixmap(
             OsIcons::pixmap(HostRows::osIconName(host_.os), 20, Theme::isDarkMode(), devicePixelRatioF()));

@@ -1,6 +1,8 @@
 #pragma once
-// One row of the host list: status dot, system glyph, name, status text, user count and the two
-// load labels. Selection and hover are drawn by the cell itself.
+// One row of the host list: status dot, system glyph, title, status text, user count and the two
+// load labels; with a host name the title is that name and the system name stays as a small caption
+// before the status text. The tool tip tells host name, system, machine id and pairing code.
+// Selection and hover are drawn by the cell itself.
 #include <QLabel>
 #include <QWidget>
 
@@ -41,6 +43,7 @@ public:
     StatusDot* statusDot;
     QLabel* osIconView;
     QLabel* nameLabel;
+    QLabel* osLabel;  // the system name under a host name; hidden without one
     QLabel* statusLabel;
     QLabel* userCountLabel;
     QLabel* cpuLabel;

@@ -1,6 +1,7 @@
 #include "HostListModel.h"
 
 #include <QHash>
+#include <QStringList>
 #include <algorithm>
 
 #include "Logger.h"
@@ -55,6 +56,20 @@ std::optional<QString> osIconName(const QString& os) {
 }
 
 QString userCountText(int userCount) { return QString::number(userCount) + QStringLiteral(" 人"); }
+
+QString osCaption(const Host& host) { return host.hostname.isEmpty() ? QString() : host.name; }
+
+QString toolTip(const Host& host) {
+    QStringList lines;
+    auto add = [&](const QString& label, const QString& value) {
+        if (!value.isEmpty()) lines << label + value;
+    };
+    add(QStringLiteral("主机名："), host.hostname);
+    add(QStringLiteral("系统："), host.name);
+    add(QStringLiteral("机器 ID："), host.machineId);
+    add(QStringLiteral("配对码："), host.agentCode);
+    return lines.join(QLatin1Char('\n'));
+}
 
 }  // namespace HostRows
 

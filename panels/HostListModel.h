@@ -45,6 +45,13 @@ std::optional<QString> osIconName(const QString& os);
 // decimal user count + " 人"
 QString userCountText(int userCount);
 
+// A row's title is Host::title(): the host name when the list gives one, else the system name. The
+// system name then stays in the row as a caption under it; without a host name there is none.
+QString osCaption(const Host& host);
+// The row's tool tip: host name, system, machine id and pairing code, one per line, each line only
+// when there is something to say.
+QString toolTip(const Host& host);
+
 }  // namespace HostRows
 
 // The rows of the host list and the poll that refreshes them. Main thread only; the fetch's

@@ -306,7 +306,8 @@ void ResourcePanelView::highlightSession(int64_t ptyId) {
     for (UserCell* cell : userCells()) {
         bool ok = false;
         const qlonglong n = cell->user().id.mid(4).toLongLong(&ok);
-        cell->setActiveSession(ok && n == ptyId);
+        // A PTY id is this client's: another client's row with the same number is not the active one.
+        cell->setActiveSession(ok && n == ptyId && cell->user().isSelf);
     }
 }
 

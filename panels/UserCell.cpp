@@ -93,7 +93,8 @@ UserCell::UserCell(const User& user, QWidget* parent) : QWidget(parent), user_(u
 
     kickButton = new QToolButton(this);
     kickButton->setText(QStringLiteral("✕"));
-    kickButton->setToolTip(QStringLiteral("关闭会话"));
+    // On our own row the button closes the session; on another client's it takes that session over.
+    kickButton->setToolTip(user.isSelf ? QStringLiteral("关闭会话") : QStringLiteral("接管会话"));
     kickButton->setAutoRaise(true);
     kickButton->setFixedSize(20, 20);
     kickButton->setVisible(false);

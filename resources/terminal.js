@@ -18,7 +18,7 @@ const THEMES = {
           brightCyan: '#29b8db', brightWhite: '#e5e5e5' },
 };
 
-const terminals = new Map();  // id -> { term, fit, search, el, masked }
+const terminals = new Map();  // id -> { term, fit, search, el, masked, writes, backlog, backlogBytes, pumped }
 let bridge = null;
 let activeId = 0;
 let themeName = 'light';
@@ -28,7 +28,8 @@ const pendingAcks = new Map(); // id -> bytes written since the last ack
 const stats = { received: 0, written: 0, acked: 0 };  // bytes, for diagnostics
 // Diagnostics: milliseconds from typed data leaving through "termInput" to the next output of the same
 // terminal having been written (its echo). Off unless __startEchoProbe() is called.
-const echoProbe = { on: false, sentAt: new Map(), samples: [] };
+// Each sample is also split in two: until the output call reached the page, and its write.
+const echoProbe = { on: false, sentAt: new Map(), arrivedAt: new Map(), samples: [], stages: [] };
 
 function toBytes(b64) {
   const bin = atob(b64);
@@ -42,6 +43,106 @@ function decodedLength(b64) {
   let n = Math.floor(b64.length / 4) * 3;
   if (b64.endsWith('==')) n -= 2; else if (b64.endsWith('=')) n -= 1;
   return n;
+}
+
+// The shown terminal's output is written at once. A hidden terminal's output waits in its backlog and is
+// written a small piece at a time, only while the shown terminal has nothing to write (or once the
+// hidden ones have waited MAX_DEFER_MS), so that an echo in the shown terminal never queues behind a
+// hidden terminal's flood. Hidden terminals are not drawn; their output is complete and in order when
+// they are shown, because showing one writes the rest of its backlog first.
+const PIECE_BYTES = 16 * 1024;
+const HIDDEN_IN_FLIGHT = 64 * 1024;  // handed to hidden terminals and not yet written, so no write waits for a wake-up
+const MAX_DEFER_MS = 50;
+const pump = { scheduled: false, inFlight: 0, lastPieceAt: 0, cursor: 0, deferTimer: null,
+               channel: new MessageChannel() };
+pump.channel.port1.onmessage = pumpStep;
+
+function schedulePump() {
+  if (pump.scheduled || pump.inFlight >= HIDDEN_IN_FLIGHT) return;
+  pump.scheduled = true;
+  pump.channel.port2.postMessage(0);  // a task of its own, not a clamped timer
+}
+
+function pumpStep() {
+  pump.scheduled = false;
+  while (pump.inFlight < HIDDEN_IN_FLIGHT) {
+    const waiting = Array.from(terminals.keys()).filter((id) => terminals.get(id).backlog.length > 0).sort((a, b) => a - b);
+    if (!waiting.length) return;
+    const shown = terminals.get(activeId);
+    const deferredFor = performance.now() - pump.lastPieceAt;
+    if (shown && shown.writes > 0 && deferredFor < MAX_DEFER_MS) {
+      // Woken again when the shown terminal has written everything, or when the wait is up.
+      if (pump.deferTimer === null) {
+        pump.deferTimer = setTimeout(() => { pump.deferTimer = null; schedulePump(); }, MAX_DEFER_MS - deferredFor + 1);
+      }
+      return;
+    }
+    const id = waiting.find((x) => x > pump.cursor) || waiting[0];
+    pump.cursor = id;
+    const t = terminals.get(id);
+    const piece = takePiece(t);
+    pump.inFlight += piece.length;
+    t.pumped += piece.length;
+    pump.lastPieceAt = performance.now();
+    t.term.write(piece, () => {
+      if (terminals.get(id) !== t) return;  // removed meanwhile: its share is gone already
+      pump.inFlight -= piece.length;
+      t.pumped -= piece.length;
+      written(id, piece.length);
+      schedulePump();
+    });
+  }
+}
+
+// Up to PIECE_BYTES from the front of a backlog, small chunks joined (each write has its own cost).
+function takePiece(t) {
+  let n = 0, k = 0;
+  while (k < t.backlog.length && n + t.backlog[k].length <= PIECE_BYTES) n += t.backlog[k++].length;
+  let piece;
+  if (k === 0) {
+    piece = t.backlog[0].subarray(0, PIECE_BYTES);
+    t.backlog[0] = t.backlog[0].subarray(PIECE_BYTES);
+  } else if (k === 1) {
+    piece = t.backlog.shift();
+  } else {
+    piece = new Uint8Array(n);
+    let at = 0;
+    for (const chunk of t.backlog.splice(0, k)) { piece.set(chunk, at); at += chunk.length; }
+  }
+  t.backlogBytes -= piece.length;
+  return piece;
+}
+
+// Written straight into the terminal (the shown one, or a hidden one's backlog when it is shown).
+function writeNow(t, id, bytes) {
+  t.writes++;
+  t.term.write(bytes, () => {
+    t.writes--;
+    written(id, bytes.length);
+    if (t.writes === 0 && id === activeId) schedulePump();
+  });
+}
+
+function drainBacklog(t, id) {
+  const backlog = t.backlog;
+  t.backlog = [];
+  t.backlogBytes = 0;
+  for (const bytes of backlog) writeNow(t, id, bytes);
+}
+
+function written(id, n) {
+  stats.written += n;
+  queueAck(id, n);
+  if (echoProbe.sentAt.has(id)) {
+    const now = performance.now(), sent = echoProbe.sentAt.get(id);
+    const arrived = echoProbe.arrivedAt.has(id) ? echoProbe.arrivedAt.get(id) : now;
+    if (echoProbe.samples.length < 100000) {
+      echoProbe.samples.push(now - sent);
+      echoProbe.stages.push([arrived - sent, now - arrived]);
+    }
+    echoProbe.sentAt.delete(id);
+    echoProbe.arrivedAt.delete(id);
+  }
 }
 
 function queueAck(id, n) {
@@ -99,7 +200,7 @@ function createTerminal(id) {
   term.loadAddon(new Unicode11Addon.Unicode11Addon());
   term.unicode.activeVersion = '11';
   term.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => { if (bridge) bridge.openLink(uri); }));
-  const entry = { term, fit, search, el, masked: false };
+  const entry = { term, fit, search, el, masked: false, writes: 0, backlog: [], backlogBytes: 0, pumped: 0 };
   terminals.set(id, entry);
   term.open(el);
   loadRenderer(entry);
@@ -138,7 +239,9 @@ function switchTerminal(id) {
   if (!t) return;
   for (const [other, e] of terminals) e.el.classList.toggle('active', other === id);
   activeId = id;
+  drainBacklog(t, id);
   fitTerminal(id);
+  schedulePump();
 }
 
 function removeTerminal(id) {
@@ -149,29 +252,32 @@ function removeTerminal(id) {
   terminals.delete(id);
   pendingAcks.delete(id);
   if (activeId === id) activeId = 0;
+  pump.inFlight -= t.pumped;  // the callbacks of its pieces may never come
+  schedulePump();
 }
 
 function writeOutput(b64, id) {
   const t = terminals.get(id);
   if (!t) return;
+  if (echoProbe.sentAt.has(id) && !echoProbe.arrivedAt.has(id)) echoProbe.arrivedAt.set(id, performance.now());
   let bytes;
   try { bytes = toBytes(b64); } catch (e) { queueAck(id, decodedLength(b64)); return; }
   stats.received += bytes.length;
   if (t.masked) { queueAck(id, bytes.length); return; }
   // Raw bytes: the terminal's own UTF-8 decoder keeps a character split across chunks whole.
-  t.term.write(bytes, () => {
-    stats.written += bytes.length;
-    queueAck(id, bytes.length);
-    if (echoProbe.sentAt.has(id)) {
-      if (echoProbe.samples.length < 100000) echoProbe.samples.push(performance.now() - echoProbe.sentAt.get(id));
-      echoProbe.sentAt.delete(id);
-    }
-  });
+  if (id === activeId) {
+    writeNow(t, id, bytes);
+  } else {
+    t.backlog.push(bytes);
+    t.backlogBytes += bytes.length;
+    schedulePump();
+  }
 }
 
 function maskTerminal(id, message) {
   const t = terminals.get(id);
   if (!t) return;
+  drainBacklog(t, id);  // what came before the mask is still shown under it
   t.masked = true;
   t.term.options.disableStdin = true;
   let mask = t.el.querySelector('.mask');
@@ -253,7 +359,9 @@ function __terminalText(id) {
   return lines.join('\n');
 }
 function __pageState() {
-  return { active: activeId, ids: Array.from(terminals.keys()), renderer: renderer, stats: stats,
+  const backlog = {};
+  for (const [id, t] of terminals) backlog[id] = t.backlogBytes;
+  return { active: activeId, ids: Array.from(terminals.keys()), renderer: renderer, stats: stats, backlog: backlog,
            visibility: document.visibilityState,
            masked: Array.from(terminals).filter(([, t]) => t.masked).map(([id]) => id) };
 }
@@ -261,10 +369,13 @@ function __pageState() {
 function __startEchoProbe() {
   echoProbe.on = true;
   echoProbe.sentAt.clear();
+  echoProbe.arrivedAt.clear();
   echoProbe.samples = [];
+  echoProbe.stages = [];
   return true;
 }
 function __echoSamples() { return echoProbe.samples; }
+function __echoStages() { return echoProbe.stages; }
 
 function probeRenderer() {
   try {

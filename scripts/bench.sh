@@ -23,8 +23,8 @@ mkdir -p "$logs"
 export QT_QPA_PLATFORM="${QT_QPA_PLATFORM:-offscreen}"
 [ "$(id -u)" = 0 ] && export QTWEBENGINE_DISABLE_SANDBOX=1
 
-flood=60 logins=200 mb=400 startups=5 floodphase=10
-if [ "$quick" = 1 ]; then flood=10 logins=50 mb=100 startups=3 floodphase=3; fi
+flood=60 logins=200 mb=400 startups=5 floodphase=10 remoteflood=5 remotekeys=300 swarmsecs=20 attack=
+if [ "$quick" = 1 ]; then flood=10 logins=50 mb=100 startups=3 floodphase=3 remoteflood=3 remotekeys=100 swarmsecs=10 attack=--quick; fi
 
 status=0
 run() {  # run NAME COMMAND...: output to the log; a failure is reported and counted, the rest still run
@@ -43,6 +43,9 @@ run decoder "$build/bench/core/bench_decoder" --benchmark_format=json --benchmar
 run relay-link "$build/bench/core/bench_relay_link" "$mb"
 run admin-login "$build/bench/admin/ostv_bench_admin_login" "$logins"
 run relay-flood "$build/bench/server/bench_relay_flood" "$floodphase"
+run remote-agent "$build/bench/server/bench_remote_agent" "$remoteflood" "$remotekeys"
+run agent-swarm "$build/bench/server/bench_agent_swarm" 500 100 "$swarmsecs"
+run attack "$build/bench/server/bench_attack" $attack
 run startup "$build/bench/sessions/bench_startup" --runs "$startups"
 run terminal "$build/bench/sessions/bench_terminal" all --flood-seconds "$flood"
 
@@ -67,6 +70,12 @@ pingp99=$(pick relay-link '^ping round trip' '{ print $8 }')
 warm=$(pick admin-login 'after warm-up' '{ print $4 " / " $7 }')
 cold=$(pick admin-login 'without warm-up' '{ print $4 " / " $7 }')
 floodgrowth=$(pick relay-flood 'client not reading' '{ for (i = 1; i <= NF; ++i) if ($i ~ /^\(\+/) { gsub(/[(+),]/, "", $i); print $i } }')
+remoteratio=$(pick remote-agent '^remote/built-in throughput ratio' '{ print $4 }')
+remotekeys=$(pick remote-agent '^remote keystroke round trip' '{ print $6 " / " $9 }')
+remotepaused=$(pick remote-agent '^remote flood, client not reading' '{ print $11 " / " $15 }')
+swarmmem=$(pick agent-swarm '^relay memory per agent' '{ gsub(/[,)]/, ""); print $5 " (" $9 " / " $12 ")" }')
+swarmcpu=$(pick agent-swarm '^relay cpu while typing' '{ print $5 }')
+swarmecho=$(pick agent-swarm '^typing echo' '{ print $4 " / " $7 }')
 login=$(pick startup 'start to login screen' '{ print $(NF - 2) }')
 page=$(pick startup 'sign-in to ready terminal page' '{ print $(NF - 2) }')
 total=$(pick startup 'start to ready terminal page' '{ print $(NF - 2) }')
@@ -75,6 +84,17 @@ e2e=$(pick terminal 'shell on the local server to page' '{ print $(NF - 1) }')
 keys=$(pick terminal '^  p50 .* p99' '{ print $2 " / " $5 }')
 rss=$(pick terminal 'client RSS peak' '{ print $7 }')
 typing=$(pick terminal 'typing in the third tab' '{ print $(NF - 7) " / " $(NF - 4) }')
+p50p99='{ for (i = 1; i < NF; ++i) { if ($i == "p50") a = $(i + 1); if ($i == "p99") b = $(i + 1) } print a " / " b }'
+typingsame=$(pick terminal '^typing, two tabs of the same agent' "$p50p99")
+typingother=$(pick terminal '^typing, two tabs of a second agent' "$p50p99")
+guessbefore=$(pick attack 'before the limit:' '{ for (i = 1; i <= NF; ++i) if ($i == "tries/min") print $(i - 1) }')
+guessafter=$(pick attack 'after the limit:' '{ for (i = 1; i <= NF; ++i) if ($i == "tries/min") print $(i - 1) }')
+coverdays=$(pick attack 'time to cover all' '{ for (i = 1; i <= NF; ++i) if ($i == "days") { print $(i - 1); exit } }')
+signin=$(pick attack 'sign-in during the attack' '{ print $6 }')
+echoattack=$(pick attack 'typing echo, under the attack' '{ print $(NF - 3) }')
+echolisting=$(pick attack 'typing echo meanwhile' '{ print $(NF - 3) }')
+rootline=$(pick attack '^  exit ' '{ print $2 }')
+leaked=$(pick attack 'inherited secrets visible' '{ print $4 }')
 
 row() { printf '  %-52s %-18s %s\n' "$1" "${2:--}" "$3"; }
 echo
@@ -88,11 +108,26 @@ row "QUIC ping round trip p50 / p99 (us)" "${pingp50:-}${pingp99:+ / $pingp99}" 
 row "admin login after warm-up p50 / p99 (ms)" "$warm" "faster than without"
 row "admin login without warm-up p50 / p99 (ms)" "$cold" "-"
 row "server memory, client not reading (+KiB)" "$floodgrowth" "bounded (a few MiB)"
+row "remote agent / built-in agent throughput (ratio)" "$remoteratio" ">= 0.80"
+row "remote agent keystroke round trip p50 / p99 (us)" "$remotekeys" "p99 <= 1000"
+row "remote flood, not reading: relay / agent (+KiB)" "$remotepaused" "bounded (a few MiB)"
+row "relay memory per agent, KiB (1st / 2nd 250)" "$swarmmem" "linear (halves agree)"
+row "relay CPU, 500 agents + 100 typing (%)" "$swarmcpu" "-"
+row "typing echo under the swarm p50 / p99 (ms)" "$swarmecho" "p99 <= 20"
 row "terminal throughput, shell to page (MB/s)" "$e2e" "-"
 row "terminal throughput ratio (to page's own rate)" "$ratio" ">= 0.80"
 row "keystroke round trip p50 / p99 (ms)" "$keys" "p99 <= 5"
 row "memory under a ${flood} s flood in two tabs (peak/idle)" "$rss" "<= 1.50"
 row "typing in a third tab meanwhile p50 / p99 (ms)" "$typing" "-"
+row "typing, two tabs of the agent flooding p50 / p99 (ms)" "$typingsame" "<= 8 / <= 20"
+row "typing, two tabs of a 2nd agent flooding p50/p99 (ms)" "$typingother" "<= 8 / <= 20"
+row "pairing guesses per minute, before / after the limit" "${guessbefore:-}${guessafter:+ / $guessafter}" "-"
+row "days to try all 1,000,000 codes at that rate" "$coverdays" "-"
+row "sign-in under 500 idle sockets + 1,000 handshakes (ms, max)" "$signin" "< 1000"
+row "typing echo p99 meanwhile (ms)" "$echoattack" "< 50"
+row "typing echo p99 while huge/FIFO/hung dirs are listed (ms)" "$echolisting" "< 50"
+row "root beyond loopback without --allow-root: exit code" "$rootline" "1 (refused)"
+row "server's secrets visible in a shell's env" "$leaked" "0"
 row "start-up to login screen painted (ms, median)" "$login" "<= 500 (ours)"
 row "sign-in to ready terminal page (ms, median)" "$page" "<= 1000 (ours)"
 row "start-up to ready terminal page (ms, median)" "$total" "<= 1500 (ours)"

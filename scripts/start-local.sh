@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Starts the local server (two agents) in the background, waits until it is ready, shows how to sign in
-# and the pairing codes, then runs the client pointed at it. The server stops when the client exits.
+# and every agent's host name and pairing code in the order the client lists them, then runs the client pointed at it. The server stops when the client exits.
 set -euo pipefail
 server="$1"
 client="$2"
@@ -10,7 +10,10 @@ log="$build/local-server.log"
 # The web engine refuses to start its sandbox as root.
 if [ "$(id -u)" -eq 0 ]; then export QTWEBENGINE_DISABLE_SANDBOX=1; fi
 
-"$server" --agents 2 >"$log" 2>&1 &
+# The log holds the pairing codes: readable by this user only.
+rm -f "$log"
+(umask 077 && : >"$log")
+"$server" --agents 2 >>"$log" 2>&1 &
 server_pid=$!
 trap 'kill -TERM "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true' EXIT
 
@@ -21,11 +24,22 @@ for _ in $(seq 1 100); do
   fi
   sleep 0.1
 done
-grep '^ostvarren-server:' "$log" | grep -v ': ready' | sed 's/^ostvarren-server: /  /'
+grep '^ostvarren-server:' "$log" | grep -v -e ': ready' -e ': agent ' | sed 's/^ostvarren-server: /  /'
+# The agents as the host list shows them, top row first (the server numbers them in that order): the
+# row's title, then the code to type when pairing with it.
+echo
+echo "Agents, top row of the host list first:"
+grep '^ostvarren-server: agent ' "$log" | awk '{
+  name = ""; code = ""
+  for (i = 3; i < NF; i++) if ($i == "code") code = $(i + 1)
+  if ((at = index($0, " hostname ")) > 0) name = substr($0, at + 10)
+  if (name == "") name = "agent " $3
+  printf "  %-24s code %s\n", name, code
+}'
 cat <<EOT
 
 Sign in with user "admin" and password "quill_tarn" (the login screen is filled in already).
-Pairing codes are listed above and stay in $log.
+Double-click a row and type its code; the codes stay in $log.
 EOT
 
 if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then

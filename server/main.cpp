@@ -1,5 +1,5 @@
 // ostvarren-server: the admin HTTP API, the QUIC relay and a number of agents with real shells, in
-// one program, for running the desktop client against this machine.
+// one program; agents on other machines (ostvarren-agent) register with its relay.
 #include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
@@ -8,8 +8,11 @@
 #include <QSocketNotifier>
 #include <QSysInfo>
 #include <QTimer>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 #include <fcntl.h>
 #include <functional>
 #include <memory>
@@ -22,7 +25,10 @@
 #include "agent/Agent.h"
 #include "agent/PtyProcess.h"
 #include "agent/SystemLoad.h"
+#include "link/AgentHub.h"
+#include "program/AgentOptions.h"
 #include "program/ServerOptions.h"
+#include "relay/AgentPort.h"
 #include "quic/QuicServer.h"
 #include "relay/QuicControllerLink.h"
 #include "relay/Relay.h"
@@ -81,11 +87,21 @@ int main(int argc, char** argv) {
                      ServerOptions::usage().toLocal8Bit().constData());
         return 2;
     }
-    const ServerOptions opt = *parsed;
-    if (opt.help) {
+    if (parsed->help) {
         std::fputs(ServerOptions::usage().toLocal8Bit().constData(), stdout);
         return 0;
     }
+    // The password on the command line is read; other users' `ps` need not show it from now on.
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view a(argv[i]);
+        char* secret = a == "--password" && i + 1 < argc ? argv[i + 1]
+                       : a.rfind("--password=", 0) == 0    ? argv[i] + std::strlen("--password=")
+                                                           : nullptr;
+        if (secret) std::memset(secret, 'x', std::strlen(secret));
+    }
+    bool passwordMade = false;
+    if (!parsed->settle(::geteuid() == 0, &passwordMade, &error)) return fail(error);
+    const ServerOptions opt = *parsed;
 
     // Stop signals arrive through a pipe, so that the stop runs on the event loop.
     if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return fail(QStringLiteral("cannot create a pipe"));
@@ -117,12 +133,29 @@ int main(int argc, char** argv) {
         if (stop) QCoreApplication::quit();
     });
 
+    // The secret agents on other machines register with.
+    QString secretPath = opt.agentSecretFile;
+    if (secretPath.isEmpty()) {
+        const QByteArray xdg = qgetenv("XDG_STATE_HOME");
+        secretPath = (xdg.isEmpty() ? QDir::homePath() + "/.local/state" : QString::fromLocal8Bit(xdg)) +
+                     "/ostvarren-server/agent-secret";
+    }
+    bool secretMade = false;
+    const auto agentSecret = readOrMakeSecretFile(secretPath, &secretMade, &error);
+    if (!agentSecret) return fail(error);
+
     SystemLoad load;
 
-    // Agents, each with its pairing code: the given ones in order, random ones for the rest.
+    // Agents, each with its pairing code: the given ones in order, random ones for the rest. They are
+    // numbered in the order the client lists them (by machine id), so that agent 1, the first code and
+    // the host name "#1" are the top row.
     std::vector<std::string> codes = opt.codes;
     while (static_cast<int>(codes.size()) < opt.agents) codes.push_back(randomPairingCode(codes));
     const QByteArray base = machineBase();
+    std::vector<std::string> machineIds;
+    for (int i = 1; i <= opt.agents; ++i) machineIds.push_back(agentMachineId(base, i));
+    std::sort(machineIds.begin(), machineIds.end());
+    const std::vector<std::string> hostnames = builtInHostnames(opt.name, opt.agents);
     const QString shell = opt.shell.isEmpty() ? defaultLoginShell() : opt.shell;
     std::vector<std::unique_ptr<Agent>> agents;
     std::vector<Agent*> agentPtrs;
@@ -130,8 +163,9 @@ int main(int argc, char** argv) {
         AgentConfig c;
         c.index = i + 1;
         c.code = codes[static_cast<size_t>(i)];
-        c.machineId = agentMachineId(base, c.index);
+        c.machineId = machineIds[static_cast<size_t>(i)];
         c.os = "linux";
+        c.hostname = hostnames[static_cast<size_t>(i)];
         c.homeDir = QDir::homePath();
         c.shell = shell;
         c.limit = opt.limit;
@@ -140,20 +174,25 @@ int main(int argc, char** argv) {
     }
 
     Relay relay(agentPtrs, [&load] { return std::pair<double, double>{load.cpu(), load.mem()}; });
+    AgentHub hub(&relay, *agentSecret);
+    auto acceptConnection = [&relay, &hub](QuicConnection* c) {
+        if (c->alpn() == ostv::kAgentAlpn) hub.accept(new QuicControllerLink(c));
+        else relay.accept(new QuicControllerLink(c));
+    };
 
     const QHostAddress bindAddress(opt.bind);
     AdminHttpApi admin;
     admin.setCredentials(opt.user, opt.password);
-    admin.setAgentSource([&agentPtrs, &load] {
+    admin.setAgentSource([&relay] {
         std::vector<AgentSummary> out;
-        for (Agent* a : agentPtrs) {
+        for (AgentPort* a : relay.agents()) {
             AgentSummary s;
-            s.code = a->config().code;
-            s.machineId = a->config().machineId;
-            s.os = a->config().os;
+            s.code = a->code();
+            s.machineId = a->machineId();
+            s.os = a->os();
+            s.hostname = a->hostname();
             s.controllerCount = a->controllerCount();
-            s.cpu = load.cpu();
-            s.mem = load.mem();
+            std::tie(s.cpu, s.mem) = a->load();
             out.push_back(std::move(s));
         }
         return out;
@@ -161,8 +200,10 @@ int main(int argc, char** argv) {
     if (!admin.listen(bindAddress, static_cast<quint16>(opt.adminPort)))
         return fail(QStringLiteral("cannot listen for the admin API on %1:%2").arg(opt.bind).arg(opt.adminPort));
 
+    const QString stateDir = opt.resolvedStateDir();
     auto quic = std::make_unique<QuicServer>();
-    quic->onConnection = [&relay](QuicConnection* c) { relay.accept(new QuicControllerLink(c)); };
+    quic->setStateDir(stateDir);
+    quic->onConnection = acceptConnection;
     if (!quic->listen(bindAddress, static_cast<quint16>(opt.quicPort)))
         return fail(QStringLiteral("cannot listen for the relay on %1:%2: %3")
                         .arg(opt.bind)
@@ -177,6 +218,7 @@ int main(int argc, char** argv) {
     relayDown = [&] {
         if (!quic) return;
         relay.closeAll();
+        hub.closeAll();
         retiring = std::move(quic);
         say("relay stopped");
         QTimer::singleShot(150, &app, [&] {
@@ -194,7 +236,8 @@ int main(int argc, char** argv) {
             return;
         }
         auto next = std::make_unique<QuicServer>();
-        next->onConnection = [&relay](QuicConnection* c) { relay.accept(new QuicControllerLink(c)); };
+        next->setStateDir(stateDir);
+        next->onConnection = acceptConnection;
         if (!next->listen(bindAddress, relayPort)) {
             say("relay cannot listen again on port " + std::to_string(relayPort) + ": " +
                 next->errorString().toStdString());
@@ -209,9 +252,11 @@ int main(int argc, char** argv) {
                                  : opt.bind.toStdString();
     say("admin http://" + host + ":" + std::to_string(admin.port()));
     say("relay quic " + host + ":" + std::to_string(quic->port()));
+    say(std::string(secretMade ? "agent secret made in " : "agent secret in ") + secretPath.toStdString());
+    if (passwordMade) say("admin password " + opt.password.toStdString() + " (made for this run)");
     for (Agent* a : agentPtrs)
         say("agent " + std::to_string(a->config().index) + " code " + a->config().code + " machine_id " +
-            a->config().machineId + " os " + a->config().os);
+            a->config().machineId + " os " + a->config().os + " hostname " + a->config().hostname);
     say("ready");
 
     const int rc = app.exec();
@@ -219,6 +264,7 @@ int main(int argc, char** argv) {
     ostv::Logger::info("ostvarren-server: stopping");
     relayDown = relayUp = nullptr;
     relay.closeAll();
+    hub.closeAll();
     for (Agent* a : agentPtrs) a->hangUpAll();
     // Let the close frames go out before the sockets go.
     QTimer::singleShot(150, &app, &QCoreApplication::quit);

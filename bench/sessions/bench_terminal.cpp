@@ -9,9 +9,16 @@
 //   memory      two tabs flooded by `yes` while a third is typed into; peak resident memory of the
 //               client's processes (the program and its web engine helpers, not the server) against
 //               the idle figure. Target: at most 1.5 times idle. Typing in the third tab is timed too.
+//   typing      keys typed into the shown tab while `yes` runs in two other tabs of the same agent, then
+//               while it runs in two tabs of a second agent (shown by a second window with its own link):
+//               echo p50 and p99 (targets: p50 at most 8 ms, p99 at most 20 ms), and where the time of an
+//               echo goes, stage by stage: relay (agent, its output queue and QUIC both ways), hand-off
+//               from the transport thread to the main thread, the view's queue, the bridge to the page
+//               (both ways), and the page's write.
 //
-//   bench_terminal [throughput|keystroke|memory|all] [--file-mib N] [--keys N] [--flood-seconds N]
+//   bench_terminal [throughput|keystroke|memory|typing|all] [--file-mib N] [--keys N] [--flood-seconds N]
 //                  [--chunk-bytes N]   (of the feed from memory; default: the size the relay delivered)
+//                  [--renderer dom|webgl]  (of the terminals made after the first; default: the page's pick)
 //
 // Runs headless by itself (offscreen); under xvfb-run or a desktop pass -platform xcb to see it.
 #include <QApplication>
@@ -25,6 +32,7 @@
 #include <cstdio>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -38,6 +46,7 @@
 #include "LocalServer.h"
 #include "LoginViewController.h"
 #include "MainViewController.h"
+#include "OutputTrace.h"
 #include "ServerConfig.h"
 #include "TestSupport.h"
 
@@ -53,6 +62,7 @@ struct Options {
     int keys = 400;
     int floodSeconds = 60;
     int chunkBytes = 0;  // of the feed from memory; 0: the size the relay delivered
+    QString renderer;    // of the terminals made after start: "dom" or "webgl"; empty: the page's own pick
 };
 
 double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
@@ -135,11 +145,15 @@ class Bench {
 public:
     std::unique_ptr<LocalServer> server;
     std::unique_ptr<AppDelegate> app;
+    int agents = 1;
+    QString pairedCode;  // of the agent the window works with
 
     bool start() {
         SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("bench") + "/secrets.json");
         ServerConfig::defaults().clear();
-        server = std::make_unique<LocalServer>(QStringList{"--agents", "1"});
+        // A plain shell: the figures are of the terminal's path, not of a login shell's start-up (which
+        // takes seconds on a busy machine with a heavy profile).
+        server = std::make_unique<LocalServer>(QStringList{"--agents", QString::number(agents), "--shell", "/bin/sh"});
         if (!server->start()) return fail("the local server did not start: " + server->errorString());
         ServerConfig::setString(SettingsKey::serverHost, server->host());
         ServerConfig::setInteger(SettingsKey::serverQuicPort, server->quicPort());
@@ -152,13 +166,14 @@ public:
         auto* login = qobject_cast<LoginViewController*>(app->currentScreen());
         if (!login) return fail("no login screen");
         login->onLoginClicked();
-        if (!waitUntil([&] { return workspace() && workspace()->hostListView->hosts().size() == 1; }, 15000))
+        if (!waitUntil([&] { return workspace() && workspace()->hostListView->hosts().size() == agents; }, 15000))
             return fail("not signed in");
         MainViewController* w = workspace();
         const Host host = w->hostListView->hosts().at(0);
         w->hostListViewDidSelectHost(w->hostListView, host);
         w->hostListViewDidDoubleClickHost(w->hostListView, host);
         if (!w->currentConnectPanel) return fail("no connect panel");
+        pairedCode = host.agentCode;
         w->currentConnectPanel->codeField->setText(host.agentCode);
         w->currentConnectPanel->onPair();
         if (!waitUntil([&] { return w->currentConnectPanel && w->currentConnectPanel->isPaired(); }, 15000))
@@ -202,21 +217,23 @@ public:
     }
 
     // Types into the terminal as the keyboard does (the terminal's own input path, then "termInput").
-    void type(int64_t id, const QString& text) {
-        js(QStringLiteral("terminals.get(%1).term.input('%2')").arg(id).arg(TerminalView::escapeForScript(text)));
+    void type(int64_t id, const QString& text, TerminalView* in = nullptr) {
+        js(QStringLiteral("terminals.get(%1).term.input('%2')").arg(id).arg(TerminalView::escapeForScript(text)), in);
     }
 
-    void js(const QString& script) { view()->webView()->page()->runJavaScript(script); }
+    void js(const QString& script, TerminalView* in = nullptr) { (in ? in : view())->webView()->page()->runJavaScript(script); }
 
-    QVariant eval(const QString& script, int timeoutMs = 10000) {
+    QVariant eval(const QString& script, int timeoutMs = 10000, TerminalView* in = nullptr) {
         QVariant result;
         bool done = false;
-        view()->webView()->page()->runJavaScript(script, [&](const QVariant& v) { result = v; done = true; });
+        (in ? in : view())->webView()->page()->runJavaScript(script, [&](const QVariant& v) { result = v; done = true; });
         waitUntil([&] { return done; }, timeoutMs);
         return result;
     }
 
-    QString pageText(int64_t id) { return eval(QStringLiteral("__terminalText(%1)").arg(id)).toString(); }
+    QString pageText(int64_t id, TerminalView* in = nullptr) {
+        return eval(QStringLiteral("__terminalText(%1)").arg(id), 10000, in).toString();
+    }
 
     bool fail(const QString& why) {
         std::fprintf(stderr, "bench_terminal: %s\n", why.toLocal8Bit().constData());
@@ -396,6 +413,177 @@ bool memory(Bench& b, const Options& o) {
     return true;
 }
 
+
+// ---- typing while other tabs flood ----
+
+const QString kFloodCommand = QStringLiteral("yes 'ostvarren flood: the quick brown fox 敏捷的狐狸 jumps'\r");
+
+struct Spread {
+    double p50 = 0, p99 = 0;
+    size_t n = 0;
+};
+Spread spread(const std::vector<double>& v) { return {percentile(v, 0.5), percentile(v, 0.99), v.size()}; }
+
+// The stages of each echo, from the client's time stamps (steady clock, milliseconds) and the page's.
+struct StageFigures {
+    Spread relay, handOff, viewQueue, bridge, pageWrite;
+};
+
+// Follows each typed key through the marks: the first output read from the stream after the input left,
+// its dispatch on the main thread, its hand-over to the page. Keys typed while an echo is outstanding
+// are not timed (as the page does).
+StageFigures stagesOf(const std::vector<trace::Mark>& marks, const QVariantList& page) {
+    std::vector<double> relay, handOff, viewQueue, native;
+    int64_t in = -1, rx = -1, disp = -1;
+    auto ms = [](int64_t a, int64_t b) { return static_cast<double>(b - a) / 1e6; };
+    for (const trace::Mark& m : marks) {
+        switch (m.stage) {
+            case trace::Stage::inputSent:
+                if (in < 0) in = m.nanos;
+                break;
+            case trace::Stage::received:
+                if (in >= 0 && rx < 0) rx = m.nanos;
+                break;
+            case trace::Stage::dispatched:
+                if (rx >= 0 && disp < 0) disp = m.nanos;
+                break;
+            case trace::Stage::handedToPage:
+                if (disp >= 0) {
+                    relay.push_back(ms(in, rx));
+                    handOff.push_back(ms(rx, disp));
+                    viewQueue.push_back(ms(disp, m.nanos));
+                    native.push_back(ms(in, m.nanos));
+                    in = rx = disp = -1;
+                }
+                break;
+        }
+    }
+    std::vector<double> toPage, write;
+    for (const QVariant& v : page) {
+        const QVariantList pair = v.toList();
+        if (pair.size() != 2) continue;
+        toPage.push_back(pair[0].toDouble());
+        write.push_back(pair[1].toDouble());
+    }
+    // The bridge both ways: from the page's input to its output call, less the client's own part. Paired
+    // key by key when both sides timed the same keys, else from the medians.
+    std::vector<double> bridge;
+    if (toPage.size() == native.size()) {
+        for (size_t i = 0; i < native.size(); ++i) bridge.push_back(std::max(0.0, toPage[i] - native[i]));
+    } else if (!toPage.empty() && !native.empty()) {
+        bridge.push_back(std::max(0.0, percentile(toPage, 0.5) - percentile(native, 0.5)));
+    }
+    return {spread(relay), spread(handOff), spread(viewQueue), spread(bridge), spread(write)};
+}
+
+void printStages(const StageFigures& s) {
+    auto one = [](const char* name, const Spread& x) {
+        std::printf("    %-44s p50 %7.2f ms  p99 %7.2f ms  (%zu)\n", name, x.p50, x.p99, x.n);
+    };
+    one("relay: agent, its output queue, QUIC", s.relay);
+    one("hand-off to the main thread", s.handOff);
+    one("view queue (held, coalesced)", s.viewQueue);
+    one("bridge to the page and back", s.bridge);
+    one("page write (queue and parse)", s.pageWrite);
+}
+
+// Types into tab `typing` of the bench's window while something else floods; prints one line of figures
+// under `label` and the stages.
+bool typeDuringFlood(Bench& b, int64_t typing, const char* label, int keys, const std::function<int64_t()>& written) {
+    b.view()->switchTab(typing);
+    b.type(typing, QStringLiteral("cat\r"));
+    spin(1500);  // the flood is at full speed by now
+    trace::OutputTrace::instance().take();
+    trace::OutputTrace::instance().watch(typing);
+    b.eval("__startEchoProbe()");
+    std::mt19937 jitter(7);
+    const int64_t written0 = written();
+    const auto t0 = Clock::now();
+    for (int i = 0; i < keys; ++i) {
+        b.type(typing, (i % 60 == 59) ? QStringLiteral("\r") : QString(QChar('a' + i % 26)));
+        spin(30 + static_cast<int>(jitter() % 20));  // not in step with any timer
+    }
+    spin(500);
+    const double secs = secondsSince(t0);
+    const int64_t bytes = written() - written0;
+    trace::OutputTrace::instance().watch(0);
+    std::vector<double> samples;
+    for (const QVariant& v : b.eval("__echoSamples()").toList()) samples.push_back(v.toDouble());
+    const StageFigures stages = stagesOf(trace::OutputTrace::instance().take(), b.eval("__echoStages()").toList());
+    b.type(typing, QStringLiteral("\x03"));
+    const Spread all = spread(samples);
+    const double max = samples.empty() ? 0 : *std::max_element(samples.begin(), samples.end());
+    std::printf("typing, %s: p50 %.2f ms  p99 %.2f ms  max %.2f ms  (%zu echoes of %d keys; target p50 <= 8, p99 <= 20)\n",
+                label, all.p50, all.p99, max, all.n, keys);
+    std::printf("  flood output written by the pages meanwhile: %.1f MB (%.1f MB/s)\n", static_cast<double>(bytes) / 1e6,
+                static_cast<double>(bytes) / 1e6 / secs);
+    std::printf("  stages of an echo (renderer %s):\n", b.eval("__pageState().renderer").toString().toLocal8Bit().constData());
+    printStages(stages);
+    return all.n > 0 || b.fail("no echo was timed");
+}
+
+// Waits until a view has nothing of its output left to write (after a flood was stopped).
+bool drained(TerminalView* v, int timeoutMs = 60000) {
+    int quiet = 0;
+    int64_t last = -1;
+    return waitUntil(
+        [&] {
+            const int64_t now = v->acknowledgedBytesTotal();
+            quiet = (now == last && v->unacknowledgedBytes() == 0 && v->heldBytes() == 0) ? quiet + 1 : 0;
+            last = now;
+            return quiet >= 20;
+        },
+        timeoutMs);
+}
+
+bool typing(Bench& b, const Options& o) {
+    const int keys = std::min(o.keys, 300);
+    QList<int64_t> tabs = b.view()->tabIds();
+    while (tabs.size() < 3) {
+        const int64_t id = b.newTab(QStringLiteral("tab-%1").arg(tabs.size() + 1));
+        if (id < 0) return false;
+        tabs = b.view()->tabIds();
+    }
+    const int64_t typed = tabs.last();
+    const int64_t floodA = tabs.at(0), floodB = tabs.at(1);
+
+    // Two other tabs of the same agent.
+    b.view()->switchTab(typed);
+    for (int64_t id : {floodA, floodB}) b.type(id, kFloodCommand);
+    bool ok = typeDuringFlood(b, typed, "two tabs of the same agent flooding", keys,
+                              [&] { return b.view()->acknowledgedBytesTotal(); });
+    for (int64_t id : {floodA, floodB}) b.type(id, QStringLiteral("\x03"));
+    const auto t0 = Clock::now();
+    if (!drained(b.view())) return b.fail("the flooded tabs never caught up");
+    std::printf("  after the flood: the hidden tabs caught up in %.2f s\n", secondsSince(t0));
+    if (!ok) return false;
+
+    // Two tabs of a second agent, in a second window with its own link (another controller of the
+    // same server), typing in the first window meanwhile.
+    ConnectionManager otherLink;
+    auto other = std::make_unique<MainViewController>(&otherLink);
+    other->resize(1200, 800);
+    other->show();
+    other->sessions().pendingAutoCreate = true;
+    const QString otherCode = b.server->code(0) == b.pairedCode ? b.server->code(1) : b.server->code(0);
+    other->connectPanelDidRequestPairWithCode(nullptr, otherCode, QStringLiteral("second"));
+    other->sessions().pendingAutoCreate = true;  // the pairing request resets the link state
+    TerminalView* ov = other->terminalView;
+    if (!waitUntil([&] { return ov->tabIds().size() == 1 && ov->isWebViewReady; }, 30000))
+        return b.fail("no shell on the second agent");
+    other->sessions().allocateAndCreatePty(QStringLiteral("flood-2"), std::nullopt, std::nullopt, makeTempDir("flood-2"));
+    if (!waitUntil([&] { return ov->tabIds().size() == 2; }, 20000)) return b.fail("no second shell on the second agent");
+    spin(1000);
+    for (int64_t id : ov->tabIds()) b.type(id, kFloodCommand, ov);
+    ok = typeDuringFlood(b, typed, "two tabs of a second agent flooding", keys,
+                         [&] { return ov->acknowledgedBytesTotal(); });
+    for (int64_t id : ov->tabIds()) b.type(id, QStringLiteral("\x03"), ov);
+    drained(ov);
+    otherLink.disconnect();
+    other.reset();
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -421,23 +609,27 @@ int main(int argc, char** argv) {
         else if (arg == "--keys") ok = number(o.keys);
         else if (arg == "--flood-seconds") ok = number(o.floodSeconds);
         else if (arg == "--chunk-bytes") ok = number(o.chunkBytes);
-        else if (arg == "throughput" || arg == "keystroke" || arg == "memory" || arg == "all") o.what = arg;
+        else if (arg == "--renderer" && i + 1 < args.size() && (args[i + 1] == "dom" || args[i + 1] == "webgl")) o.renderer = args[++i];
+        else if (arg == "throughput" || arg == "keystroke" || arg == "memory" || arg == "typing" || arg == "all") o.what = arg;
         else ok = false;
         if (!ok) {
             std::fprintf(stderr,
-                         "usage: bench_terminal [throughput|keystroke|memory|all] [--file-mib N] [--keys N] "
-                         "[--flood-seconds N] [--chunk-bytes N]\n");
+                         "usage: bench_terminal [throughput|keystroke|memory|typing|all] [--file-mib N] [--keys N] "
+                         "[--flood-seconds N] [--chunk-bytes N] [--renderer dom|webgl]\n");
             return 2;
         }
     }
 
     Bench b;
+    if (o.what == "all" || o.what == "typing") b.agents = 2;
     bool ok = b.start();
+    if (ok && !o.renderer.isEmpty()) b.eval(QStringLiteral("renderer = '%1'").arg(o.renderer));
     if (ok) {
         std::printf("renderer in the page: %s\n", b.eval("__pageState().renderer").toString().toLocal8Bit().constData());
         if (ok && (o.what == "all" || o.what == "keystroke")) ok = keystroke(b, o);
         if (ok && (o.what == "all" || o.what == "throughput")) ok = throughput(b, o);
         if (ok && (o.what == "all" || o.what == "memory")) ok = memory(b, o);
+        if (ok && (o.what == "all" || o.what == "typing")) ok = typing(b, o);
     }
     std::fflush(stdout);
     b.stop();

@@ -1,12 +1,16 @@
 #include "AdminHttpApi.h"
 
+#include "LogText.h"
 #include "Logger.h"
 
 #include <QHttpServer>
 #include <QHttpServerRequest>
 #include <QHttpServerResponse>
 #include <QRandomGenerator>
+#include <QPointer>
 #include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
 
 #include <nlohmann/json.hpp>
 
@@ -44,6 +48,113 @@ std::string newToken() {
     return raw.toHex().toStdString();
 }
 
+// The admin listener: every accepted socket is counted and watched before the HTTP server sees it.
+class GuardedTcpServer : public QTcpServer {
+public:
+    AdminLimits limits;
+
+    int count() const { return static_cast<int>(conns_.size()); }
+
+protected:
+    void incomingConnection(qintptr fd) override {
+        auto* socket = new QTcpSocket(this);
+        if (!socket->setSocketDescriptor(fd)) {
+            delete socket;
+            return;
+        }
+        const QString peer = socket->peerAddress().toString();
+        int fromPeer = 0;
+        for (const Conn& c : conns_)
+            if (c.peer == peer) ++fromPeer;
+        if (fromPeer >= limits.maxPerAddress) return refuse(socket, "from " + peer.toStdString() + " (per address)");
+        if (count() >= limits.maxConnections && !evictIdlest()) return refuse(socket, "(in total)");
+
+        conns_.push_back(Conn{socket, peer, 0, Clock::now()});
+        auto* idle = new QTimer(socket);
+        idle->setSingleShot(true);
+        idle->start(limits.idleTimeout);
+        auto* whole = new QTimer(socket);
+        whole->setSingleShot(true);
+        connect(idle, &QTimer::timeout, socket, [socket] { socket->abort(); });
+        connect(whole, &QTimer::timeout, socket, [socket] {
+            Logger::info("admin API: a request took too long to arrive; connection closed");
+            socket->abort();
+        });
+        // Connected before the HTTP server's own handler, so these run first and see what is new.
+        connect(socket, &QTcpSocket::readyRead, socket, [this, socket, idle, whole] {
+            Conn* c = find(socket);
+            if (!c) return;
+            if (c->requestBytes == 0) whole->start(limits.requestTimeout);
+            c->requestBytes += socket->bytesAvailable();
+            c->lastActive = Clock::now();
+            idle->start(limits.idleTimeout);
+            if (c->requestBytes > limits.maxRequestBytes) {
+                Logger::info("admin API: a request of more than " + std::to_string(limits.maxRequestBytes) +
+                             " bytes; connection closed");
+                socket->abort();
+            }
+        });
+        connect(socket, &QTcpSocket::bytesWritten, socket, [this, socket, idle, whole] {
+            if (Conn* c = find(socket)) {
+                c->requestBytes = 0;
+                c->lastActive = Clock::now();
+            }
+            whole->stop();
+            idle->start(limits.idleTimeout);
+        });
+        connect(socket, &QObject::destroyed, this, [this, socket] {
+            std::erase_if(conns_, [socket](const Conn& c) { return c.socket == socket; });
+        });
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        addPendingConnection(socket);
+    }
+
+private:
+    struct Conn {
+        QTcpSocket* socket;
+        QString peer;
+        qint64 requestBytes;
+        Clock::time_point lastActive;
+    };
+    std::vector<Conn> conns_;
+    Clock::time_point lastRefusalLog_{};
+    int refusedSinceLog_ = 0;
+
+    Conn* find(QTcpSocket* s) {
+        for (Conn& c : conns_)
+            if (c.socket == s) return &c;
+        return nullptr;
+    }
+
+    // The connection idle the longest, with no request under way, makes room for a new one.
+    bool evictIdlest() {
+        Conn* idlest = nullptr;
+        for (Conn& c : conns_)
+            if (c.requestBytes == 0 && (!idlest || c.lastActive < idlest->lastActive)) idlest = &c;
+        if (!idlest) return false;
+        QTcpSocket* s = idlest->socket;
+        std::erase_if(conns_, [s](const Conn& c) { return c.socket == s; });
+        s->abort();
+        s->deleteLater();
+        return true;
+    }
+
+    void refuse(QTcpSocket* socket, const std::string& why) {
+        socket->abort();
+        socket->deleteLater();
+        const auto now = Clock::now();
+        if (now - lastRefusalLog_ >= std::chrono::seconds(60)) {
+            Logger::info("admin API: connection refused " + why + ", at the cap" +
+                         (refusedSinceLog_ ? " (" + std::to_string(refusedSinceLog_) + " more since the last line)"
+                                           : std::string()));
+            lastRefusalLog_ = now;
+            refusedSinceLog_ = 0;
+        } else {
+            ++refusedSinceLog_;
+        }
+    }
+};
+
 }  // namespace
 
 std::optional<LoginRequest> parseLoginBody(std::string_view text, std::string* why) {
@@ -75,6 +186,8 @@ std::string bearerToken(std::string_view header) {
 
 struct AdminHttpApi::Impl {
     QHttpServer http;
+    GuardedTcpServer* listener = nullptr;
+    AttemptLimiter logins;
     quint16 port = 0;
     QByteArray user;
     QByteArray password;
@@ -101,6 +214,21 @@ struct AdminHttpApi::Impl {
     }
 
     QHttpServerResponse login(const QHttpServerRequest& request) {
+        const QHostAddress from = request.remoteAddress();
+        if (const auto allowed = logins.check(from); !allowed) {
+            if (allowed.log)
+                Logger::info("admin login from " + AttemptLimiter::sourceKey(from) + " refused for " +
+                             std::to_string(allowed.retryAfter.count() / 1000 + 1) + " s: " +
+                             (allowed.verdict == AttemptLimiter::Verdict::busy ? "too many failed sign-ins overall"
+                                                                               : "too many failed sign-ins") +
+                             (allowed.refusedSinceLog ? " (" + std::to_string(allowed.refusedSinceLog) +
+                                                            " refused since the last line)"
+                                                      : std::string()));
+            QHttpServerResponse r = errorResponse("too many attempts", Status::TooManyRequests);
+            r.setHeader(QByteArrayLiteral("Retry-After"),
+                        QByteArray::number(static_cast<qint64>(allowed.retryAfter.count() / 1000 + 1)));
+            return r;
+        }
         const QByteArray raw = request.body();
         std::string why;
         const auto given = parseLoginBody(std::string_view(raw.constData(), static_cast<size_t>(raw.size())), &why);
@@ -111,15 +239,18 @@ struct AdminHttpApi::Impl {
         // Both comparisons always run, so a wrong user name and a wrong password take the same time.
         const bool userOk = sameSecret(givenUser, user);
         const bool passwordOk = sameSecret(givenPassword, password);
-        if (user.isEmpty() || !userOk || !passwordOk) {
-            Logger::info("admin login refused for user " + givenUser.toStdString());
+        if (user.isEmpty() || password.isEmpty() || !userOk || !passwordOk) {
+            logins.failed(from);
+            Logger::info("admin login refused for user \"" + logSafe(given->username) + "\" from " +
+                         AttemptLimiter::sourceKey(from));
             return errorResponse("invalid credentials", Status::Ok);
         }
 
+        logins.succeeded(from);
         dropExpiredTokens();
         std::string token = newToken();
         tokens.emplace(token, Clock::now() + tokenLifetime);
-        Logger::info("admin login for user " + givenUser.toStdString());
+        Logger::info("admin login for user \"" + logSafe(given->username) + "\"");
         return jsonResponse(nlohmann::json{{"token", token}, {"username", given->username}, {"role", "admin"}},
                             Status::Ok);
     }
@@ -135,12 +266,14 @@ struct AdminHttpApi::Impl {
         nlohmann::json list = nlohmann::json::array();
         if (agentSource) {
             for (const AgentSummary& a : agentSource()) {
-                list.push_back({{"code", a.code},
-                                {"machine_id", a.machineId},
-                                {"controller_count", a.controllerCount},
-                                {"os", a.os},
-                                {"cpu", a.cpu},
-                                {"mem", a.mem}});
+                nlohmann::json agent = {{"code", a.code},
+                                        {"machine_id", a.machineId},
+                                        {"controller_count", a.controllerCount},
+                                        {"os", a.os},
+                                        {"cpu", a.cpu},
+                                        {"mem", a.mem}};
+                if (!a.hostname.empty()) agent["hostname"] = a.hostname;
+                list.push_back(std::move(agent));
             }
         }
         return jsonResponse(list, Status::Ok);
@@ -158,7 +291,10 @@ AdminHttpApi::AdminHttpApi(QObject* parent) : QObject(parent), d_(std::make_uniq
 AdminHttpApi::~AdminHttpApi() = default;
 
 bool AdminHttpApi::listen(const QHostAddress& address, quint16 port) {
-    const quint16 bound = d_->http.listen(address, port);
+    if (!d_->listener) d_->listener = new GuardedTcpServer();
+    d_->listener->setParent(this);
+    const quint16 bound = d_->listener->listen(address, port) ? d_->listener->serverPort() : 0;
+    if (bound != 0) d_->http.bind(d_->listener);
     if (bound == 0) {
         Logger::error("admin API cannot listen on " + address.toString().toStdString() + ":" + std::to_string(port));
         return false;
@@ -178,6 +314,16 @@ void AdminHttpApi::setCredentials(const QString& user, const QString& password) 
 void AdminHttpApi::setAgentSource(std::function<std::vector<AgentSummary>()> source) {
     d_->agentSource = std::move(source);
 }
+
+void AdminHttpApi::setLimits(const AdminLimits& limits) {
+    if (!d_->listener) d_->listener = new GuardedTcpServer();
+    d_->listener->setParent(this);
+    d_->listener->limits = limits;
+}
+
+void AdminHttpApi::setLoginPolicy(const AttemptLimiter::Policy& policy) { d_->logins = AttemptLimiter(policy); }
+
+int AdminHttpApi::connectionCount() const { return d_->listener ? d_->listener->count() : 0; }
 
 void AdminHttpApi::setTokenLifetime(std::chrono::seconds lifetime) { d_->tokenLifetime = lifetime; }
 

@@ -6,9 +6,15 @@
 //                                                   200 {"error":"invalid credentials"} (no token)
 //                                                   400 when the body is not an object of two strings
 //   GET  /admin/agents  Authorization: Bearer <t> -> 200 [{"code","machine_id","controller_count",
-//                                                          "os","cpu","mem"}, ...]
+//                                                          "os","cpu","mem","hostname"?}, ...]
 //                                                   401 when the token is missing, wrong or expired
 //   HEAD /admin/agents                           -> 401 without a token (the client's warm-up)
+//
+// Failed sign-ins are limited per source address and over all addresses (AttemptLimiter): a refused
+// attempt is answered 429 {"error":"too many attempts"} with "Retry-After", without looking at the
+// password. Connections are capped (in total and per address; at the total cap the one idle longest
+// makes room), closed after an idle time, and a request that grows past its byte cap or takes too long
+// to arrive ends its connection.
 //
 // Everything runs on the thread that owns the object (normally the main thread).
 #include <QHostAddress>
@@ -22,6 +28,8 @@
 #include <string_view>
 #include <vector>
 
+#include "AttemptLimiter.h"
+
 namespace ostv::server {
 
 // One agent as the admin interface lists it.
@@ -32,6 +40,7 @@ struct AgentSummary {
     int controllerCount = 0;
     double cpu = 0;
     double mem = 0;
+    std::string hostname;  // left out of the list when empty
 };
 
 // The user name and password of a sign-in body ({"username","password"}, both strings; other keys
@@ -45,6 +54,14 @@ std::optional<LoginRequest> parseLoginBody(std::string_view body, std::string* w
 // The token of an "Authorization" header value "Bearer <token>" (blanks around it dropped), empty when
 // the value has another form.
 std::string bearerToken(std::string_view header);
+
+struct AdminLimits {
+    int maxConnections = 256;
+    int maxPerAddress = 32;
+    std::chrono::milliseconds idleTimeout{60000};
+    std::chrono::milliseconds requestTimeout{10000};  // from a request's first byte to its last
+    qint64 maxRequestBytes = 64 * 1024;              // head and body of one request
+};
 
 class AdminHttpApi : public QObject {
     Q_OBJECT
@@ -63,6 +80,11 @@ public:
     void setAgentSource(std::function<std::vector<AgentSummary>()> source);
     // How long a token stays valid after sign-in (24 h unless changed).
     void setTokenLifetime(std::chrono::seconds lifetime);
+
+    void setLimits(const AdminLimits& limits);
+    void setLoginPolicy(const AttemptLimiter::Policy& policy);
+    // Open connections (tests and benchmarks).
+    int connectionCount() const;
 
     // Forgets every token handed out so far (later agent requests with them get 401).
     void revokeAllTokens();

@@ -1,11 +1,17 @@
 #include "Agent.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFileInfo>
 #include <QTimer>
 #include <QUuid>
 #include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <thread>
 
+#include "LogText.h"
 #include "Logger.h"
 #include "PtyProcess.h"
 #include "relay/ControllerLink.h"
@@ -34,32 +40,62 @@ struct Agent::Pty {
     std::string backlog;     // output kept while the client has no seat
     bool flowPaused = false;
     std::vector<QPointer<ControllerLink>> inputPaused;
+    QElapsedTimer lastInput;  // invalid until the first input
 };
 
 namespace {
 
 std::string idText(int64_t id) { return std::to_string(id); }
 
-// Entries of one directory, directories first, then by name without regard to case.
-std::vector<FSFileInfo> listDirectory(const QString& dirPath, size_t cap, bool* truncated) {
-    QDir dir(dirPath);
-    const QFileInfoList entries = dir.entryInfoList(
-        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-        QDir::DirsFirst | QDir::Name | QDir::IgnoreCase);
-    std::vector<FSFileInfo> out;
-    out.reserve(std::min<size_t>(static_cast<size_t>(entries.size()), cap));
-    *truncated = static_cast<size_t>(entries.size()) > cap;
-    for (const QFileInfo& fi : entries) {
-        if (out.size() >= cap) break;
-        FSFileInfo f;
-        f.name = fi.fileName().toStdString();
-        f.path = fi.absoluteFilePath().toStdString();
-        f.fileType = fi.isDir() ? "directory" : "file";  // a link counts as what it points to
-        f.isSymlink = fi.isSymLink();
-        out.push_back(std::move(f));
+// Entries of one directory: visible folders, hidden (dot) folders, visible files, hidden files, each
+// group by name without regard to case, so a home folder starts with what the user works in. Reads at
+// most `cap` entries and stops at `deadline`; either sets *truncated.
+std::vector<FSFileInfo> listDirectory(const QString& dirPath, size_t cap, std::chrono::steady_clock::time_point deadline,
+                                      bool* truncated) {
+    struct Entry {
+        QString name;
+        FSFileInfo info;
+        bool isDir;
+    };
+    std::vector<Entry> entries;
+    *truncated = false;
+    QDirIterator it(dirPath, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    while (it.hasNext()) {
+        if (entries.size() >= cap || ((entries.size() & 255) == 0 && std::chrono::steady_clock::now() >= deadline)) {
+            *truncated = true;
+            break;
+        }
+        it.next();
+        const QFileInfo fi = it.fileInfo();
+        Entry e;
+        e.name = fi.fileName();
+        e.isDir = fi.isDir();  // a link counts as what it points to
+        e.info.name = e.name.toStdString();
+        e.info.path = fi.absoluteFilePath().toStdString();
+        e.info.fileType = e.isDir ? "directory" : "file";
+        e.info.isSymlink = fi.isSymLink();
+        entries.push_back(std::move(e));
     }
+    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+        const auto group = [](const Entry& e) { return (e.isDir ? 0 : 2) + (e.name.startsWith(QLatin1Char('.')) ? 1 : 0); };
+        if (group(a) != group(b)) return group(a) < group(b);
+        const int c = a.name.compare(b.name, Qt::CaseInsensitive);
+        return c != 0 ? c < 0 : a.name < b.name;
+    });
+    std::vector<FSFileInfo> out;
+    out.reserve(entries.size());
+    for (Entry& e : entries) out.push_back(std::move(e.info));
     return out;
 }
+
+// One listing under way: the worker fills `line`, the event loop sends it unless the time ran out.
+struct ListingJob {
+    std::mutex mutex;
+    bool answered = false;  // the reply (or the time-out's failure) went out
+    std::string line;
+    QPointer<Agent> agent;  // read on the agent's thread only
+    std::string seatId;
+};
 
 }  // namespace
 
@@ -67,6 +103,9 @@ Agent::Agent(AgentConfig config, QObject* parent) : QObject(parent), config_(std
     if (config_.homeDir.isEmpty()) config_.homeDir = QDir::homePath();
     if (config_.shell.isEmpty()) config_.shell = defaultLoginShell();
     if (config_.limit < 1) config_.limit = 1;
+    bulkRecheck_.setSingleShot(true);
+    bulkRecheck_.setInterval(2);
+    connect(&bulkRecheck_, &QTimer::timeout, this, &Agent::recheckFlow);
 }
 
 Agent::~Agent() { hangUpAll(); }
@@ -342,6 +381,7 @@ void Agent::handle(const std::string& controllerId, const Message& m) {
         }
         if (t == "INPUT") {
             if (!m.data || m.data->empty()) return;
+            p->lastInput.start();
             p->proc->write(*m.data);
         } else {
             p->proc->write(*m.command + "\r");
@@ -418,24 +458,69 @@ void Agent::onFsOp(Seat& s, const Message& m) {
     r.type = "fs_result";
     r.op = m.op.value_or("");
     r.path = m.path.value_or(".");
+    r.success = false;
     if (r.op != "list") {
-        Logger::info("agent " + config_.code + ": unsupported fs_op \"" + r.op + "\" from " + s.id);
-        r.success = false;
+        Logger::info("agent " + std::to_string(config_.index) + ": unsupported fs_op \"" + logSafe(r.op) + "\"");
         return sendLine(s, r.encode());
     }
+    if (listingsRunning_->load() >= kMaxListingsRunning) {
+        Logger::info("agent " + std::to_string(config_.index) + ": " + std::to_string(kMaxListingsRunning) +
+                     " listings still running; one more refused");
+        return sendLine(s, r.encode());
+    }
+    // Everything that touches the file system runs on the worker: a hung mount blocks it, not the loop.
+    auto job = std::make_shared<ListingJob>();
+    job->agent = this;
+    job->seatId = s.id;
     const QString dir = expandPath(*r.path);
-    QFileInfo fi(dir);
-    if (!fi.isDir() || !fi.isReadable()) {
-        r.success = false;
-        return sendLine(s, r.encode());
-    }
-    bool truncated = false;
-    r.data = listDirectory(dir, kMaxListing, &truncated);
-    if (truncated)
-        Logger::info("agent " + config_.code + ": listing of " + dir.toStdString() + " cut at " +
-                     std::to_string(kMaxListing) + " entries");
-    r.success = true;
-    sendLine(s, r.encode());
+    const int index = config_.index;
+    auto running = listingsRunning_;
+    ++*running;
+    auto deliver = [job] {
+        std::string line;
+        {
+            std::lock_guard lock(job->mutex);
+            if (job->answered) return;
+            job->answered = true;
+            line = std::move(job->line);
+        }
+        if (Agent* a = job->agent.data())
+            if (Seat* seat = a->seat(job->seatId)) a->sendLine(*seat, line);
+    };
+    auto* timer = new QTimer(this);
+    timer->setSingleShot(true);
+    connect(timer, &QTimer::timeout, this, [job, r, dir, index, timer]() mutable {
+        timer->deleteLater();
+        {
+            std::lock_guard lock(job->mutex);
+            if (job->answered) return;
+            job->answered = true;
+        }
+        Logger::info("agent " + std::to_string(index) + ": listing of \"" + logSafe(dir.toStdString(), 200) +
+                     "\" did not answer within " + std::to_string(kListingTimeMs) + " ms");
+        if (Agent* a = job->agent.data())
+            if (Seat* seat = a->seat(job->seatId)) a->sendLine(*seat, r.encode());
+    });
+    timer->start(kListingTimeMs);
+    std::thread([job, r, dir, index, running, deliver]() mutable {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kListingTimeMs * 2 / 5);
+        const QFileInfo fi(dir);
+        if (fi.isDir() && fi.isReadable()) {
+            bool truncated = false;
+            r.data = listDirectory(dir, kMaxListing, deadline, &truncated);
+            r.success = true;
+            if (truncated)
+                Logger::info("agent " + std::to_string(index) + ": listing of \"" + logSafe(dir.toStdString(), 200) +
+                             "\" cut at " + std::to_string(r.data->size()) + " entries");
+        }
+        {
+            std::lock_guard lock(job->mutex);
+            job->line = r.encode();
+        }
+        --*running;
+        if (QCoreApplication* app = QCoreApplication::instance())
+            QMetaObject::invokeMethod(app, deliver, Qt::QueuedConnection);
+    }).detach();
 }
 
 // ---- shells ----
@@ -443,10 +528,23 @@ void Agent::onFsOp(Seat& s, const Message& m) {
 void Agent::onPtyOutput(Pty& p, std::string_view bytes) {
     deliverOutput(p, bytes);
     Seat* primary = primarySeat(p.clientId);
-    if (primary && primary->link->pendingBytes() > kOutputHighWater) {
+    if (!primary) return;
+    const size_t mark = highWaterFor(p);
+    if (primary->link->pendingBytes() > mark) {
         p.flowPaused = true;
         p.proc->setReadEnabled(false);
+        if (mark < kOutputHighWater && !bulkRecheck_.isActive()) bulkRecheck_.start();
     }
+}
+
+// The full mark, unless another shell of the same client was typed into lately: then this one is bulk.
+size_t Agent::highWaterFor(const Pty& p) const {
+    for (const auto& [key, other] : ptys_) {
+        if (other.get() != &p && key.first == p.clientId && other->lastInput.isValid() &&
+            other->lastInput.elapsed() < kTypingWindowMs)
+            return kBulkHighWater;
+    }
+    return kOutputHighWater;
 }
 
 void Agent::deliverOutput(Pty& p, std::string_view bytes) {
@@ -479,14 +577,19 @@ void Agent::flushBacklogs(Seat& s) {
 }
 
 void Agent::recheckFlow() {
+    bool bulkWaits = false;
     for (auto& [key, p] : ptys_) {
         if (!p->flowPaused) continue;
         Seat* primary = primarySeat(p->clientId);
-        if (!primary || primary->link->pendingBytes() <= kOutputHighWater) {
+        const size_t mark = highWaterFor(*p);
+        if (!primary || primary->link->pendingBytes() <= mark) {
             p->flowPaused = false;
             p->proc->setReadEnabled(true);
+        } else if (mark < kOutputHighWater) {
+            bulkWaits = true;
         }
     }
+    if (bulkWaits && !bulkRecheck_.isActive()) bulkRecheck_.start();
 }
 
 void Agent::resumeInputWriters(Pty& p) {

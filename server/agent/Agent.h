@@ -33,10 +33,18 @@
 // output only while their own queue is below the mark, so they can never hold the shell up or grow
 // without bound. Input works the other way round: a controller whose typing piles up in front of a
 // shell that does not read is paused until the shell has taken it.
+//
+// Typing first. While a client types into one of its shells, its other shells' output is bulk: it is
+// read only while the link holds at most kBulkHighWater, so the echo of a key waits behind little of
+// it in the link (the shell typed into keeps the full mark). A timer reads the bulk shells again as the
+// link drains below that mark, which the link itself does not report.
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QTimer>
 #include <cstdint>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <optional>
@@ -55,6 +63,7 @@ struct AgentConfig {
     std::string code;
     std::string machineId;
     std::string os = "linux";
+    std::string hostname;  // the name the agent list shows for it; empty: none is listed
     QString homeDir;
     QString shell;
     int limit = 8;
@@ -65,8 +74,15 @@ class Agent : public QObject {
     Q_OBJECT
 public:
     static constexpr size_t kOutputHighWater = 256 * 1024;
+    static constexpr size_t kBulkHighWater = 32 * 1024;
+    static constexpr int kTypingWindowMs = 2000;  // input this recent makes the client's other shells bulk
     static constexpr size_t kBacklogBytes = 64 * 1024;
     static constexpr size_t kMaxListing = 20000;  // directory entries in one "fs_result"
+    // Directories are listed on worker threads: at most this many at once per agent (one that hangs
+    // keeps its place until it returns), each answered within kListingTimeMs (as a failure when the
+    // file system has not answered by then).
+    static constexpr int kMaxListingsRunning = 4;
+    static constexpr int kListingTimeMs = 5000;
 
     explicit Agent(AgentConfig config, QObject* parent = nullptr);
     ~Agent() override;
@@ -128,6 +144,7 @@ private:
     void deliverOutput(Pty& p, std::string_view bytes);
     void flushBacklogs(Seat& s);
     void recheckFlow();
+    size_t highWaterFor(const Pty& p) const;
     void resumeInputWriters(Pty& p);
     std::unique_ptr<Pty> takePty(const PtyKey& key);
 
@@ -137,6 +154,8 @@ private:
     std::map<std::string, std::string> lastControllerOfClient_;
     std::map<std::string, std::string> lastNicknameOfClient_;
     uint64_t nextSeq_ = 1;
+    QTimer bulkRecheck_;
+    std::shared_ptr<std::atomic<int>> listingsRunning_ = std::make_shared<std::atomic<int>>(0);
 };
 
 }  // namespace ostv::server

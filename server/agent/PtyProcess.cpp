@@ -47,26 +47,46 @@ ExecPlan makePlan(const PtyProcess::Options& o) {
     plan.argv0 = "-" + QFileInfo(o.shell).fileName().toStdString();
     plan.cwd = o.cwd.toStdString();
 
-    std::vector<std::pair<std::string, std::string>> overrides = {{"TERM", "xterm-256color"}};
-    for (const QString& e : o.extraEnv) {
-        int eq = e.indexOf('=');
-        if (eq > 0) overrides.emplace_back(e.left(eq).toStdString(), e.mid(eq + 1).toStdString());
-    }
-    const std::string home = QDir::homePath().toStdString();
-    overrides.emplace_back("PWD", plan.cwd);
+    // A clean environment: who the user is, where programs are, the language, the terminal. Nothing
+    // else of the server's own (agent sockets, display, session bus, sudo's variables, secrets) reaches
+    // a shell that a controller drives.
+    const passwd* pw = ::getpwuid(::geteuid());
+    const std::string user = pw && pw->pw_name ? pw->pw_name : qEnvironmentVariable("USER").toStdString();
+    const std::string path = qEnvironmentVariableIsEmpty("PATH") ? std::string("/usr/local/bin:/usr/bin:/bin")
+                                                                 : qEnvironmentVariable("PATH").toStdString();
+    std::vector<std::pair<std::string, std::string>> vars = {
+        {"HOME", QDir::homePath().toStdString()},
+        {"USER", user},
+        {"LOGNAME", user},
+        {"SHELL", plan.path},
+        {"PATH", path},
+        {"TERM", "xterm-256color"},
+    };
     bool haveLocale = false;
     for (char** e = environ; e && *e; ++e) {
         std::string_view kv(*e);
-        auto eq = kv.find('=');
-        std::string name(kv.substr(0, eq));
+        const auto eq = kv.find('=');
+        if (eq == std::string_view::npos) continue;
+        const std::string_view name = kv.substr(0, eq);
+        if (name != "LANG" && name != "LANGUAGE" && name.substr(0, 3) != "LC_") continue;
         if (name == "LANG" || name == "LC_ALL") haveLocale = true;
-        bool overridden = std::any_of(overrides.begin(), overrides.end(),
-                                      [&](const auto& p) { return p.first == name; });
-        if (!overridden) plan.env.emplace_back(kv);
+        vars.emplace_back(std::string(name), std::string(kv.substr(eq + 1)));
     }
     // Without any locale the shell falls back to ASCII and mangles the terminal's UTF-8.
-    if (!haveLocale) plan.env.emplace_back("LANG=C.UTF-8");
-    for (const auto& [k, v] : overrides) plan.env.push_back(k + "=" + v);
+    if (!haveLocale) vars.emplace_back("LANG", "C.UTF-8");
+    for (const QString& e : o.extraEnv) {
+        const int eq = static_cast<int>(e.indexOf('='));
+        if (eq > 0) vars.emplace_back(e.left(eq).toStdString(), e.mid(eq + 1).toStdString());
+    }
+    vars.emplace_back("PWD", plan.cwd);
+    // A later entry replaces an earlier one of the same name.
+    for (const auto& [k, v] : vars) {
+        const std::string entry = k + "=" + v;
+        auto same = std::find_if(plan.env.begin(), plan.env.end(),
+                                 [&](const std::string& x) { return x.compare(0, k.size() + 1, k + "=") == 0; });
+        if (same != plan.env.end()) *same = entry;
+        else plan.env.push_back(entry);
+    }
     for (auto& s : plan.env) plan.envp.push_back(s.data());
     plan.envp.push_back(nullptr);
     return plan;

@@ -1,6 +1,8 @@
 #pragma once
 // One shell on a real pseudo-terminal: started with forkpty in a working directory, fed through the
 // master side, read chunk by chunk with a switch for flow control, hung up and reaped at the end.
+// The shell gets a clean environment (HOME, USER, LOGNAME, SHELL, PATH, LANG, LC_*, TERM, PWD and
+// the extra entries), nothing else of the server's.
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -23,7 +25,7 @@ public:
         QString cwd;             // an existing directory (checked by start())
         int cols = 80;
         int rows = 24;
-        QStringList extraEnv;    // "NAME=value" entries set on top of the inherited environment
+        QStringList extraEnv;    // "NAME=value" entries set on top of the shell's clean environment
     };
 
     // Largest chunk handed to onOutput at once.

@@ -1,8 +1,12 @@
 #include "ServerOptions.h"
 
+#include <QDir>
+#include <QFile>
 #include <QFileInfo>
+#include <sys/stat.h>
 #include <QHostAddress>
 #include <QRandomGenerator>
+#include <QSysInfo>
 #include <algorithm>
 
 namespace ostv::server {
@@ -25,17 +29,27 @@ std::optional<int> intIn(const QString& text, int lo, int hi) {
 QString ServerOptions::usage() {
     return QStringLiteral(
         "Usage: ostvarren-server [options]\n"
-        "Runs the admin HTTP API, the QUIC relay and one or more agents with real shells on this machine.\n"
+        "Runs the admin HTTP API, the QUIC relay and any number of agents with real shells on this machine;\n"
+        "agents on other machines (ostvarren-agent) register with the relay using the agent secret.\n"
         "\n"
         "  --bind ADDRESS      address to listen on (default 127.0.0.1)\n"
         "  --quic-port PORT    UDP port of the relay, 0 = any free port (default 9090)\n"
         "  --admin-port PORT   TCP port of the admin API, 0 = any free port (default 8080)\n"
         "  --user NAME         admin user name (default admin)\n"
-        "  --password TEXT     admin password (default quill_tarn)\n"
-        "  --agents N          number of agents, 1 to 64 (default 1)\n"
+        "  --password TEXT     admin password (default quill_tarn on loopback; elsewhere a random one is\n"
+        "                      printed at start, and the default or an empty one is refused)\n"
+        "  --password-file F   read the admin password from the first line of F (mode 0600 or stricter)\n"
+        "  --allow-root        run shells as root even when listening beyond loopback\n"
+        "  --state-dir DIR     where the relay keeps its certificate and key\n"
+        "                      (default $XDG_STATE_HOME/ostvarren-server or ~/.local/state/ostvarren-server)\n"
+        "  --agents N          number of built-in agents, 0 to 64 (default 1; 0: relay and admin API only)\n"
         "  --code CODE         six-digit pairing code of the next agent, repeatable (default: random)\n"
         "  --limit N           controllers per agent (default 8)\n"
         "  --shell PATH        shell to start in every terminal (default: the user's login shell)\n"
+        "  --agent-secret-file PATH  the secret agents on other machines present (default\n"
+        "                      ~/.local/state/ostvarren-server/agent-secret; made, mode 0600, when missing)\n"
+        "  --name NAME         host name the agent list shows, as NAME#1, NAME#2... (default: this\n"
+        "                      machine's host name)\n"
         "  --exit-with-parent  stop (as on SIGTERM) when the process that started the server ends\n"
         "  --help              show this text\n"
         "\n"
@@ -67,8 +81,13 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
             o.exitWithParent = true;
             continue;
         }
+        if (name == "--allow-root") {
+            o.allowRoot = true;
+            continue;
+        }
         static const QStringList withValue = {"--bind", "--quic-port", "--admin-port", "--user", "--password",
-                                              "--agents", "--code",      "--limit",      "--shell"};
+                                              "--agents", "--code",      "--limit",      "--shell",
+                                              "--agent-secret-file", "--name", "--password-file", "--state-dir"};
         if (!withValue.contains(name)) return fail(QStringLiteral("unknown option: ") + args[i]);
         if (!inlineValue) {
             if (i + 1 >= args.size()) return fail(name + QStringLiteral(" needs a value"));
@@ -86,9 +105,16 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
             o.user = value;
         } else if (name == "--password") {
             o.password = value;
+            o.passwordGiven = true;
+        } else if (name == "--password-file") {
+            if (value.isEmpty()) return fail(QStringLiteral("--password-file: empty path"));
+            o.passwordFile = value;
+        } else if (name == "--state-dir") {
+            if (value.isEmpty()) return fail(QStringLiteral("--state-dir: empty path"));
+            o.stateDir = value;
         } else if (name == "--agents") {
-            auto v = intIn(value, 1, kMaxAgents);
-            if (!v) return fail(QStringLiteral("--agents: expected 1 to %1: ").arg(kMaxAgents) + value);
+            auto v = intIn(value, 0, kMaxAgents);
+            if (!v) return fail(QStringLiteral("--agents: expected 0 to %1: ").arg(kMaxAgents) + value);
             o.agents = *v;
         } else if (name == "--code") {
             if (!isSixDigits(value)) return fail(QStringLiteral("--code: expected six digits: ") + value);
@@ -99,14 +125,96 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
             auto v = intIn(value, 1, 1000);
             if (!v) return fail(QStringLiteral("--limit: expected 1 to 1000: ") + value);
             o.limit = *v;
+        } else if (name == "--name") {
+            const QString n = value.trimmed();
+            if (n.isEmpty() || n.size() > kMaxNameLength ||
+                std::any_of(n.begin(), n.end(), [](QChar c) { return c.category() == QChar::Other_Control; }))
+                return fail(QStringLiteral("--name: expected 1 to %1 characters on one line: ").arg(kMaxNameLength) +
+                            value);
+            o.name = n;
         } else if (name == "--shell") {
             if (!QFileInfo(value).isExecutable()) return fail(QStringLiteral("--shell: not an executable: ") + value);
             o.shell = value;
+        } else if (name == "--agent-secret-file") {
+            if (value.isEmpty()) return fail(QStringLiteral("--agent-secret-file: empty path"));
+            o.agentSecretFile = value;
         }
     }
+    if (o.passwordGiven && !o.passwordFile.isEmpty())
+        return fail(QStringLiteral("--password and --password-file: give only one"));
     if (static_cast<int>(o.codes.size()) > o.agents)
         return fail(QStringLiteral("%1 codes given for %2 agent(s)").arg(o.codes.size()).arg(o.agents));
     return o;
+}
+
+std::vector<std::string> builtInHostnames(const QString& base, int count) {
+    QString name = base.isEmpty() ? QSysInfo::machineHostName() : base;
+    if (name.isEmpty()) name = QStringLiteral("localhost");
+    std::vector<std::string> out;
+    for (int i = 1; i <= count; ++i) out.push_back((name + QLatin1Char('#') + QString::number(i)).toStdString());
+    return out;
+}
+
+bool ServerOptions::onLoopback() const { return QHostAddress(bind).isLoopback(); }
+
+QString ServerOptions::resolvedStateDir() const {
+    if (!stateDir.isEmpty()) return stateDir;
+    QString base = qEnvironmentVariable("XDG_STATE_HOME");
+    if (base.isEmpty() || QDir::isRelativePath(base)) base = QDir::homePath() + QStringLiteral("/.local/state");
+    return base + QStringLiteral("/ostvarren-server");
+}
+
+bool ServerOptions::settle(bool runningAsRoot, bool* generated, QString* error) {
+    *generated = false;
+    const bool loopback = onLoopback();
+    if (runningAsRoot && !loopback && !allowRoot && agents > 0) {
+        *error = QStringLiteral("refusing to give shells as root on %1 (not loopback): run as an ordinary user, "
+                                "or pass --allow-root")
+                     .arg(bind);
+        return false;
+    }
+    if (!passwordFile.isEmpty()) {
+        struct stat st {};
+        const QByteArray path = QFile::encodeName(passwordFile);
+        if (::stat(path.constData(), &st) != 0) {
+            *error = QStringLiteral("--password-file: cannot read ") + passwordFile;
+            return false;
+        }
+        if ((st.st_mode & 077) != 0) {
+            *error = QStringLiteral("--password-file: %1 may be read by other users (mode %2); chmod 600 it")
+                         .arg(passwordFile)
+                         .arg(st.st_mode & 0777, 3, 8, QChar('0'));
+            return false;
+        }
+        QFile f(passwordFile);
+        if (!f.open(QIODevice::ReadOnly)) {
+            *error = QStringLiteral("--password-file: cannot read ") + passwordFile;
+            return false;
+        }
+        password = QString::fromUtf8(f.readLine(4096)).remove(QChar('\n')).remove(QChar('\r'));
+        passwordGiven = true;
+    }
+    if (loopback) return true;
+    if (!passwordGiven) {
+        password = randomPassword();
+        *generated = true;
+        return true;
+    }
+    if (password.isEmpty() || password == QLatin1String(kDefaultPassword)) {
+        *error = QStringLiteral("refusing %1 admin password on %2 (not loopback): choose another, or leave it out "
+                                "for a random one")
+                     .arg(password.isEmpty() ? QStringLiteral("an empty") : QStringLiteral("the default"), bind);
+        return false;
+    }
+    return true;
+}
+
+QString randomPassword() {
+    static const char alphabet[] = "abcdefghijkmnpqrstuvwxyzABCDEFGHJKLMNPQRSTUVWXYZ23456789";
+    QString out;
+    for (int i = 0; i < 20; ++i)
+        out += QChar(alphabet[QRandomGenerator::system()->bounded(static_cast<int>(sizeof alphabet - 1))]);
+    return out;
 }
 
 std::string randomPairingCode(const std::vector<std::string>& taken) {

@@ -1,6 +1,12 @@
 #include "QuicServer.h"
 
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstring>
 #include <gnutls/crypto.h>
@@ -33,11 +39,26 @@ QString addressText(const sockaddr* a) {
     return QString::fromLatin1(host) + QLatin1Char(':') + QString::number(port);
 }
 
+std::string hostOf(const sockaddr* a) {
+    const QString t = addressText(a);
+    return t.left(t.lastIndexOf(QLatin1Char(':'))).toStdString();
+}
+
+// Writes `data` to a new file readable by the owner only (replacing an older one).
+bool writePrivate(const QString& path, const gnutls_datum_t& data) {
+    const QByteArray p = QFile::encodeName(path);
+    ::unlink(p.constData());
+    const int fd = ::open(p.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    const bool ok = ::write(fd, data.data, data.size) == static_cast<ssize_t>(data.size);
+    return ::close(fd) == 0 && ok;
+}
+
 }  // namespace
 
 // ---- connection ----
 
-QuicConnection::QuicConnection(QuicServer* server) : QObject(server), server_(server) {
+QuicConnection::QuicConnection(QuicServer* server) : LineConnection(server), server_(server) {
     timer_.setSingleShot(true);
     timer_.setTimerType(Qt::PreciseTimer);
     connect(&timer_, &QTimer::timeout, this, [this] {
@@ -75,7 +96,7 @@ void QuicConnection::deliver(const char* data, size_t len) {
             if (self && onLine && !closed_) onLine(line);
         });
         if (!self) return;
-        if (splitter_.droppedLines() != droppedBefore)
+        if (splitter_.droppedLines() != droppedBefore && ++droppedLogged_ <= 3)
             Logger::error("Dropped a line of more than " + std::to_string(splitter_.maxLine()) + " bytes from " +
                           peerAddress_.toStdString());
         chunk.remove_prefix(upTo);
@@ -106,6 +127,7 @@ QuicServer::~QuicServer() {
 }
 
 void QuicServer::setCertificateOptions(const QString& commonName, const QDateTime& notBefore, const QDateTime& notAfter) {
+    certOptionsSet_ = true;
     certName_ = commonName;
     notBefore_ = notBefore;
     notAfter_ = notAfter;
@@ -132,14 +154,86 @@ bool QuicServer::makeCredentials() {
              gnutls_certificate_allocate_credentials(&credentials_) == 0 &&
              gnutls_certificate_set_x509_key(credentials_, &crt, 1, key) == 0;
     }
+    if (ok && !stateDir_.isEmpty() && !certOptionsSet_) {
+        gnutls_datum_t crtPem{}, keyPem{};
+        const bool saved = gnutls_x509_crt_export2(crt, GNUTLS_X509_FMT_PEM, &crtPem) == 0 &&
+                           gnutls_x509_privkey_export2(key, GNUTLS_X509_FMT_PEM, &keyPem) == 0 &&
+                           writePrivate(stateDir_ + QStringLiteral("/relay-key.pem"), keyPem) &&
+                           writePrivate(stateDir_ + QStringLiteral("/relay-cert.pem"), crtPem);
+        gnutls_free(crtPem.data);
+        gnutls_free(keyPem.data);
+        if (saved)
+            Logger::info("relay: new certificate and key kept in " + stateDir_.toStdString());
+        else
+            Logger::error("relay: cannot keep the certificate in " + stateDir_.toStdString() +
+                          "; a new one is made on the next start");
+    }
     if (crt) gnutls_x509_crt_deinit(crt);
     if (key) gnutls_x509_privkey_deinit(key);
     if (!ok) error_ = QStringLiteral("cannot make the server certificate");
     return ok;
 }
 
+bool QuicServer::loadOrMakeCredentials() {
+    if (stateDir_.isEmpty() || certOptionsSet_) return makeCredentials();
+    const QByteArray dir = QFile::encodeName(stateDir_);
+    if (!QDir().mkpath(stateDir_)) {
+        error_ = QStringLiteral("cannot create the state folder ") + stateDir_;
+        return false;
+    }
+    ::chmod(dir.constData(), 0700);
+    const QString certPath = stateDir_ + QStringLiteral("/relay-cert.pem");
+    const QString keyPath = stateDir_ + QStringLiteral("/relay-key.pem");
+    if (QFileInfo::exists(certPath) && QFileInfo::exists(keyPath)) {
+        if ((QFileInfo(keyPath).permissions() & (QFile::ReadGroup | QFile::ReadOther | QFile::WriteOther)) != 0) {
+            error_ = QStringLiteral("%1 may be read by other users; chmod 600 it").arg(keyPath);
+            return false;
+        }
+        if (gnutls_certificate_allocate_credentials(&credentials_) == 0 &&
+            gnutls_certificate_set_x509_key_file(credentials_, QFile::encodeName(certPath).constData(),
+                                                 QFile::encodeName(keyPath).constData(), GNUTLS_X509_FMT_PEM) == 0)
+            return true;
+        if (credentials_) gnutls_certificate_free_credentials(credentials_);
+        credentials_ = nullptr;
+        error_ = QStringLiteral("cannot load the relay's certificate from ") + stateDir_;
+        return false;
+    }
+    return makeCredentials();
+}
+
+void QuicServer::refuseLogged(const std::string& why) {
+    const int64_t now = QDateTime::currentMSecsSinceEpoch();
+    if (lastRefusalLogMs_ < 0 || now - lastRefusalLogMs_ >= 60000) {
+        Logger::connection("relay: new connection dropped: " + why +
+                           (refusedSinceLog_ ? " (" + std::to_string(refusedSinceLog_) + " more since the last line)"
+                                             : std::string()));
+        lastRefusalLogMs_ = now;
+        refusedSinceLog_ = 0;
+    } else {
+        ++refusedSinceLog_;
+    }
+}
+
+bool QuicServer::sendRetry(const sockaddr* peer, socklen_t peerLen, const ngtcp2_pkt_hd& hd) {
+    ngtcp2_cid scid{};
+    scid.datalen = 18;
+    gnutls_rnd(GNUTLS_RND_NONCE, scid.data, scid.datalen);
+    uint8_t token[NGTCP2_CRYPTO_MAX_RETRY_TOKENLEN];
+    const ngtcp2_ssize tokenLen = ngtcp2_crypto_generate_retry_token(
+        token, retrySecret_, sizeof retrySecret_, hd.version, peer, peerLen, &scid, &hd.dcid, quicTimestamp());
+    if (tokenLen < 0) return false;
+    uint8_t out[1280];
+    const ngtcp2_ssize n = ngtcp2_crypto_write_retry(out, sizeof out, hd.version, &hd.scid, &scid, &hd.dcid, token,
+                                                     static_cast<size_t>(tokenLen));
+    if (n < 0) return false;
+    sendTo(peer, peerLen, out, static_cast<size_t>(n));
+    ++retriesSent_;
+    return true;
+}
+
 bool QuicServer::listen(const QHostAddress& address, quint16 port) {
-    if (!credentials_ && !makeCredentials()) return false;
+    if (!credentials_ && !loadOrMakeCredentials()) return false;
+    gnutls_rnd(GNUTLS_RND_KEY, retrySecret_, sizeof retrySecret_);
     sockaddr_storage addr{};
     socklen_t len = 0;
     if (address.protocol() == QAbstractSocket::IPv6Protocol) {
@@ -181,7 +275,10 @@ void QuicServer::sendTo(const sockaddr* peer, socklen_t len, const uint8_t* data
 
 void QuicServer::forget(QuicConnection* c) {
     for (const std::string& cid : c->cids_) byCid_.erase(cid);
-    byPeer_.erase(peerKey(reinterpret_cast<const sockaddr*>(&c->peer_), c->peerLen_));
+    if (byPeer_.erase(peerKey(reinterpret_cast<const sockaddr*>(&c->peer_), c->peerLen_)) != 0) {
+        auto it = perSource_.find(c->sourceKey_);
+        if (it != perSource_.end() && --it->second == 0) perSource_.erase(it);
+    }
 }
 
 void QuicServer::readAll() {
@@ -203,7 +300,37 @@ void QuicServer::readAll() {
         if (!conn) {
             ngtcp2_pkt_hd hd{};
             if (ngtcp2_accept(&hd, buf, len) != 0) continue;  // not a new connection's Initial: drop
+            const auto* from = reinterpret_cast<const sockaddr*>(&peer);
+            const std::string source = hostOf(from);
+            if (byPeer_.size() >= maxConnections) {
+                refuseLogged("at the cap of " + std::to_string(maxConnections) + " connections");
+                continue;
+            }
+            if (auto it = perSource_.find(source); it != perSource_.end() && it->second >= maxPerAddress) {
+                refuseLogged(std::to_string(maxPerAddress) + " connections from " + source + " already");
+                continue;
+            }
+            ngtcp2_cid originalDcid{};
+            bool retried = false;
+            if (hd.token.len > 0 && hd.token.base[0] == NGTCP2_CRYPTO_TOKEN_MAGIC_RETRY) {
+                if (ngtcp2_crypto_verify_retry_token(&originalDcid, hd.token.base, hd.token.len, retrySecret_,
+                                                     sizeof retrySecret_, hd.version, from, peerLen, &hd.dcid,
+                                                     10 * NGTCP2_SECONDS, quicTimestamp()) != 0) {
+                    refuseLogged("a Retry token that does not check out from " + source);
+                    continue;
+                }
+                retried = true;
+            } else {
+                size_t handshaking = 0;
+                for (const auto& [k, other] : byPeer_)
+                    if (other && !other->announced_) ++handshaking;
+                if (handshaking >= retryAbove) {
+                    sendRetry(from, peerLen, hd);
+                    continue;
+                }
+            }
             auto* c = new QuicConnection(this);
+            c->sourceKey_ = source;
             c->splitter_.setMaxLine(maxLineBytes);
             std::memcpy(&c->peer_, &peer, peerLen);
             c->peerLen_ = peerLen;
@@ -235,14 +362,17 @@ void QuicServer::readAll() {
                 byCid_[c->cids_.back()] = c;
             };
             c->engine_ = std::make_unique<QuicEngine>(std::move(h));
+            c->engine_->alpns = {kRelayAlpn, kAgentAlpn};
             c->engine_->lowWatermark = QuicConnection::lowWatermark();
             // The client keeps using its first destination id until it learns ours: route it here too.
             c->cids_.push_back(key(hd.dcid.data, hd.dcid.datalen));
             byCid_[c->cids_.back()] = c;
             byPeer_[peerKey(reinterpret_cast<sockaddr*>(&peer), peerLen)] = c;
+            ++perSource_[source];
             std::string error;
             if (!c->engine_->startServer(reinterpret_cast<sockaddr*>(&local_), localLen_, reinterpret_cast<sockaddr*>(&peer),
-                                         peerLen, hd, credentials_, error)) {
+                                         peerLen, hd, credentials_, error, maxUdpPayloadSize,
+                                         retried ? &originalDcid : nullptr)) {
                 Logger::error("QUIC accept from " + c->peerAddress_.toStdString() + " failed: " + error);
                 forget(c);
                 c->deleteLater();

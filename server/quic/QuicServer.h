@@ -1,7 +1,12 @@
 #pragma once
-// The local server's QUIC listener: one UDP socket, a self-signed certificate made at start, ALPN
-// "ostvarren-ctrl", and for every client connection its one bidirectional stream as lines in and out.
-// Lives on the thread that creates it.
+// The local server's QUIC listener: one UDP socket, a self-signed certificate (kept in a state folder
+// when one is given, else made at start), ALPN "ostvarren-ctrl", and for every client connection its
+// one bidirectional stream as lines in and out. Lives on the thread that creates it.
+//
+// Before a connection is anything, it is bounded: at most maxConnections in total and maxPerAddress
+// from one address (further Initials are dropped, logged once a minute), and once more than
+// retryAbove handshakes are under way a new client must first prove its address with a Retry round
+// trip, so that spoofed Initials cost no state and no crypto.
 #include <QDateTime>
 #include <QHostAddress>
 #include <QObject>
@@ -17,6 +22,7 @@
 
 #include <gnutls/gnutls.h>
 
+#include "LineConnection.h"
 #include "LineSplitter.h"
 #include "QuicEngine.h"
 
@@ -24,20 +30,20 @@ namespace ostv::server {
 
 class QuicServer;
 
-class QuicConnection : public QObject {
+class QuicConnection : public LineConnection {
     Q_OBJECT
 public:
-    QString serverName() const { return serverName_; }
-    QString peerAddress() const { return peerAddress_; }
-    void sendLine(std::string_view line);  // appends '\n'; queued and written as flow control allows
-    size_t pendingBytes() const { return engine_ ? engine_->pendingBytes() : 0; }
-    void close(uint64_t appErrorCode = 0);  // orderly CONNECTION_CLOSE, then onClosed
-    void setReadPaused(bool paused);
+    QString serverName() const override { return serverName_; }
+    QString peerAddress() const override { return peerAddress_; }
+    void sendLine(std::string_view line) override;
+    size_t pendingBytes() const override { return engine_ ? engine_->pendingBytes() : 0; }
+    void close(uint64_t appErrorCode = 0) override;
+    void setReadPaused(bool paused) override;
     bool isClosed() const { return closed_; }
+    // The protocol the peer speaks: kRelayAlpn (a controller) or kAgentAlpn (an agent).
+    std::string alpn() const { return engine_ ? engine_->selectedAlpn() : std::string(); }
+    void setMaxLine(size_t bytes) override { splitter_.setMaxLine(bytes); }
 
-    std::function<void(std::string_view line)> onLine;
-    std::function<void()> onDrained;
-    std::function<void(const QString& why)> onClosed;
     static constexpr size_t lowWatermark() { return 256 * 1024; }
 
 private:
@@ -57,6 +63,8 @@ private:
     sockaddr_storage peer_{};
     socklen_t peerLen_ = 0;
     std::vector<std::string> cids_;
+    std::string sourceKey_;
+    int droppedLogged_ = 0;
 };
 
 class QuicServer : public QObject {
@@ -70,11 +78,22 @@ public:
     QString errorString() const { return error_; }
 
     size_t maxLineBytes = 16 * 1024 * 1024;  // a longer line is dropped (logged) and the stream goes on
+    // The largest datagram clients are told they may send: as large as the receive buffer takes, so a
+    // client on the same machine sends few, large datagrams.
+    uint64_t maxUdpPayloadSize = NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE;
+    size_t maxConnections = 1024;
+    size_t maxPerAddress = 64;
+    size_t retryAbove = 16;  // handshakes under way beyond which new clients get a Retry first
+
+    // Where the certificate and key are kept (made there on the first start). Empty: a new pair on
+    // every start. Set before listen().
+    void setStateDir(const QString& dir) { stateDir_ = dir; }
     std::function<void(QuicConnection*)> onConnection;  // after the handshake and the client's stream opened
 
     // Tests: the certificate to serve (made at listen): its common name and validity.
     void setCertificateOptions(const QString& commonName, const QDateTime& notBefore, const QDateTime& notAfter);
     size_t connectionCount() const { return byPeer_.size(); }
+    uint64_t retriesSent() const { return retriesSent_; }
 
 private:
     friend class QuicConnection;
@@ -82,6 +101,9 @@ private:
     void sendTo(const sockaddr* peer, socklen_t len, const uint8_t* data, size_t n);
     void forget(QuicConnection* c);
     bool makeCredentials();
+    bool loadOrMakeCredentials();
+    void refuseLogged(const std::string& why);
+    bool sendRetry(const sockaddr* peer, socklen_t peerLen, const ngtcp2_pkt_hd& hd);
 
     int fd_ = -1;
     quint16 port_ = 0;
@@ -95,6 +117,13 @@ private:
     QDateTime notAfter_;
     std::map<std::string, QPointer<QuicConnection>> byCid_;
     std::map<std::string, QPointer<QuicConnection>> byPeer_;
+    std::map<std::string, size_t> perSource_;
+    QString stateDir_;
+    bool certOptionsSet_ = false;
+    uint8_t retrySecret_[32] = {};
+    uint64_t retriesSent_ = 0;
+    int64_t lastRefusalLogMs_ = -1;
+    int refusedSinceLog_ = 0;
 };
 
 }  // namespace ostv::server

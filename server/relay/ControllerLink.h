@@ -29,6 +29,9 @@ public:
     // Stops (true) or resumes (false) delivering received lines; the transport's flow control then
     // holds the peer back.
     virtual void setReadPaused(bool paused) = 0;
+    // Longest line accepted from now on; a longer one is dropped whole. Links without a limit of their
+    // own ignore it.
+    virtual void setLineLimit(size_t) {}
 
     // Set by the relay. onLine: one received line without its terminator. onDrained: the queue fell
     // back below the transport's low watermark. onClosed: the link is gone (peer close, idle

@@ -2,11 +2,11 @@
 
 #include <QTimer>
 
-#include "quic/QuicServer.h"
+#include "quic/LineConnection.h"
 
 namespace ostv::server {
 
-QuicControllerLink::QuicControllerLink(QuicConnection* connection, QObject* parent)
+QuicControllerLink::QuicControllerLink(LineConnection* connection, QObject* parent)
     : ControllerLink(parent), conn_(connection) {
     serverName_ = connection->serverName();
     peerAddress_ = connection->peerAddress();
@@ -72,6 +72,10 @@ void QuicControllerLink::closeWhenFlushed() {
 
 void QuicControllerLink::setReadPaused(bool paused) {
     if (!closed_ && conn_) conn_->setReadPaused(paused);
+}
+
+void QuicControllerLink::setLineLimit(size_t bytes) {
+    if (!closed_ && conn_) conn_->setMaxLine(bytes);
 }
 
 void QuicControllerLink::reportClosed(const QString& why) {

@@ -1,5 +1,6 @@
 #pragma once
-// The production controller link: one accepted QUIC connection of the relay.
+// The production line link: one QUIC connection, accepted by the relay (a controller, an agent) or
+// dialled out by an agent (one per seated controller).
 #include <QPointer>
 #include <QTimer>
 
@@ -7,12 +8,12 @@
 
 namespace ostv::server {
 
-class QuicConnection;
+class LineConnection;
 
 class QuicControllerLink : public ControllerLink {
     Q_OBJECT
 public:
-    explicit QuicControllerLink(QuicConnection* connection, QObject* parent = nullptr);
+    explicit QuicControllerLink(LineConnection* connection, QObject* parent = nullptr);
     ~QuicControllerLink() override;
 
     QString serverName() const override;
@@ -21,12 +22,13 @@ public:
     size_t pendingBytes() const override;
     void close(uint64_t appErrorCode = 0) override;
     void setReadPaused(bool paused) override;
+    void setLineLimit(size_t bytes) override;
 
 private:
     void reportClosed(const QString& why);
     void closeWhenFlushed();
 
-    QPointer<QuicConnection> conn_;
+    QPointer<LineConnection> conn_;
     QString serverName_;
     QString peerAddress_;
     bool closed_ = false;

@@ -5,6 +5,7 @@
 
 #include "Logger.h"
 #include "ServerConfig.h"
+#include "SessionController.h"
 
 namespace ostv::EnvStore {
 
@@ -17,6 +18,10 @@ QString djb2Hex(const QByteArray& bytes) {
 std::optional<QString> storageKey(const QString& machineId, const QString& directory) {
     if (machineId.isEmpty() || directory.isEmpty()) return std::nullopt;
     return QString::fromLatin1(SettingsKey::envVarsPrefix) + machineId + QLatin1Char('_') + djb2Hex(directory.toUtf8());
+}
+
+std::optional<QString> sessionStorageKey(const QString& machineId, const QString& directory, const QString& homeDir) {
+    return storageKey(machineId, SessionController::normalizePath(directory.trimmed(), homeDir));
 }
 
 QVariantList serialize(const QList<EnvRow>& rows) {

@@ -23,6 +23,12 @@ QString djb2Hex(const QByteArray& bytes);
 // hashed as given: callers trim it (a new session's path field) or pass a session's stored directory.
 std::optional<QString> storageKey(const QString& machineId, const QString& directory);
 
+// The key under which a session's variables live, the same for every caller (saving from the path
+// field, editing, deleting with the session): the directory trimmed and normalised as session paths
+// are ("~" expanded against the agent's home when known, one trailing "/" dropped), so "/srv/app/"
+// as typed and "/srv/app" as the session holds it share their variables.
+std::optional<QString> sessionStorageKey(const QString& machineId, const QString& directory, const QString& homeDir);
+
 // The rows as stored: [{"key","value"}, ...] in editor order, rows with a blank key left out.
 QVariantList serialize(const QList<EnvRow>& rows);
 

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QStringDecoder>
+#include <utility>
 
 #include "ClientIdentity.h"
 #include "LocalUser.h"
@@ -37,8 +38,11 @@ bool SessionController::hasTab(int64_t ptyId) const {
 }
 
 QString SessionController::normalizePath(const QString& path) const {
+    return normalizePath(path, link_ ? link_->agentHomeDir() : QString());
+}
+
+QString SessionController::normalizePath(const QString& path, const QString& home) {
     QString p = path;
-    const QString home = link_ ? link_->agentHomeDir() : QString();
     if (!home.isEmpty()) {
         if (p == QLatin1String("~"))
             p = home;
@@ -66,6 +70,10 @@ std::optional<int64_t> SessionController::parsePtyId(const QString& rowId) {
     return static_cast<int64_t>(id);
 }
 
+QString SessionController::otherSessionRowId(int64_t ptyId, const QString& owner) {
+    return QStringLiteral("pty-%1@%2").arg(ptyId).arg(owner);
+}
+
 QString SessionController::lastPathComponent(const QString& path) {
     QString p = path;
     while (p.size() > 1 && p.endsWith(QLatin1Char('/'))) p.chop(1);
@@ -91,6 +99,14 @@ void SessionController::allocateAndCreatePty(const QString& title, const std::op
         }
         return;
     }
+    // The agent tells shells apart by client, but "CLOSE_PTY" names only a number: a number that no other
+    // client runs keeps a later takeover of their shell from meaning one of ours.
+    const auto takenByOthers = [this](int64_t id) {
+        for (const auto& [row, other] : otherSessions)
+            if (other.ptyId == id) return true;
+        return false;
+    };
+    while (nextPtyId < INT64_MAX && takenByOthers(nextPtyId)) ++nextPtyId;
     if (nextPtyId == INT64_MAX) {
         showError(QStringLiteral("会话编号已用尽"));  // cannot happen in practice; never wrap into a live id
         return;
@@ -170,8 +186,7 @@ void SessionController::handleSetupTimeout(int64_t ptyId) {
     }
     Logger::ptySetup(str(QStringLiteral("pty=%1 FAILED — link unresponsive after 2 attempts").arg(ptyId)));
     cleanupSetup(ptyId);
-    activeSessions.erase(ptyId);
-    if (link_) link_->closePty(ptyId);
+    releasePty(ptyId);
     showError(kSetupFailed);
 }
 
@@ -271,20 +286,38 @@ void SessionController::closeAndCleanupPty(int64_t ptyId) {
                             .arg(ptyId)
                             .arg(isConnected ? "true" : "false")
                             .arg(tabs)));
-    activeSessions.erase(ptyId);
-    if (link_) link_->closePty(ptyId);
-    if (hasTab(ptyId)) {
-        if (tabs < 2) {
-            terminal_->removeAllTabs();
-            terminal_->showEmptyState(kPlaceholder);
-        } else {
-            terminal_->closeTab(ptyId);
-        }
-    }
+    releasePty(ptyId);
+    removeTabOf(ptyId);
     QPointer<SessionController> self(this);
     QTimer::singleShot(delays.closeToListMs, this, [self] {
         if (self && self->isConnected) self->send(Message("LIST_PTY"));
     });
+}
+
+bool SessionController::releasePty(int64_t ptyId) {
+    // Only a session still held as live: one that was closed already, or whose shell has ended (its
+    // tab masked), is no longer ours on the agent, and the number may well be another client's there.
+    if (activeSessions.erase(ptyId) == 0) return false;
+    if (hasTab(ptyId) && terminal_->isTabTerminated(ptyId)) return false;
+    if (!link_) return false;
+    link_->closePty(ptyId);
+    return true;
+}
+
+void SessionController::removeTabOf(int64_t ptyId) {
+    if (!hasTab(ptyId)) return;
+    if (terminal_->tabIds().size() < 2) {
+        terminal_->removeAllTabs();
+        terminal_->showEmptyState(kPlaceholder);
+    } else {
+        terminal_->closeTab(ptyId);
+    }
+}
+
+void SessionController::forgetLinkSessions() {
+    activeSessions.clear();
+    otherSessions.clear();
+    pendingEnvCommands.reset();
 }
 
 void SessionController::didReceivePtyExit(int64_t ptyId, int64_t exitCode) {
@@ -307,7 +340,7 @@ void SessionController::didReceivePtyError(int64_t ptyId, const QString& reason)
         activeSessions.erase(ptyId);
     } else {
         activeSessions.erase(ptyId);
-        if (hasTab(ptyId)) terminal_->closeTab(ptyId);
+        removeTabOf(ptyId);
     }
     showError(reason);
 }
@@ -317,19 +350,30 @@ void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
     for (const PtyInfo& p : ptys)
         if (p.state == "running") running.push_back(p);
 
+    const QString clientId = ClientIdentity::getOrCreate();
+    const QString nickname = userNickname();
+    const auto isMine = [&clientId](const PtyInfo& p) { return QString::fromStdString(p.clientId) == clientId; };
+    // Another client is named by its client id, or by its controller when it gave none.
+    const auto ownerOf = [](const PtyInfo& p) {
+        return QString::fromStdString(p.clientId.empty() ? p.controllerId : p.clientId);
+    };
+
     activeSessions.clear();
-    for (const PtyInfo& p : running) activeSessions[p.ptyId] = QString::fromStdString(p.cwd);
+    otherSessions.clear();
+    for (const PtyInfo& p : running) {
+        if (!isMine(p))
+            otherSessions[otherSessionRowId(p.ptyId, ownerOf(p))] = {p.ptyId, QString::fromStdString(p.cwd)};
+        else if (!(hasTab(p.ptyId) && terminal_->isTabTerminated(p.ptyId)))  // seen ending: a list from before
+            activeSessions[p.ptyId] = QString::fromStdString(p.cwd);
+    }
     // A list asked for before a session was created does not know it yet (the agent answers in order);
     // a session still being set up stays active, or the same folder could open twice.
     for (const auto& [id, ctx] : pendingSetup) activeSessions.try_emplace(id, ctx.sessionPath);
 
-    const QString clientId = ClientIdentity::getOrCreate();
-    const QString nickname = userNickname();
-
     QList<User> rows;
     for (const PtyInfo& p : running) {
         QString ownerName;
-        const bool mine = QString::fromStdString(p.clientId) == clientId;
+        const bool mine = isMine(p);
         if (mine)
             ownerName = nickname;
         else if (auto it = controllerNicknameHistory.find(QString::fromStdString(p.controllerId));
@@ -338,7 +382,7 @@ void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
         else
             ownerName = QString::fromStdString(p.controllerId).left(8);
         User row;
-        row.id = QStringLiteral("pty-%1").arg(p.ptyId);
+        row.id = mine ? QStringLiteral("pty-%1").arg(p.ptyId) : otherSessionRowId(p.ptyId, ownerOf(p));
         row.name = lastPathComponent(QString::fromStdString(p.cwd)) + QStringLiteral(" (") + ownerName + QLatin1Char(')');
         row.avatar = ownerName.left(2).toUpper();
         row.isSelf = mine;
@@ -348,15 +392,14 @@ void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
 
     // This client's own PTYs live on across reconnections and restarts: new ids must stay clear of them.
     for (const PtyInfo& p : running)
-        if (QString::fromStdString(p.clientId) == clientId && p.ptyId >= nextPtyId && p.ptyId < INT64_MAX)
-            nextPtyId = p.ptyId + 1;
+        if (isMine(p) && p.ptyId >= nextPtyId && p.ptyId < INT64_MAX) nextPtyId = p.ptyId + 1;
 
     if (!pendingAutoCreate) return;
     pendingAutoCreate = false;
 
     std::vector<PtyInfo> mine;
     for (const PtyInfo& p : running)
-        if (QString::fromStdString(p.clientId) == clientId) mine.push_back(p);
+        if (isMine(p)) mine.push_back(p);
 
     if (!mine.empty()) {
         if (terminal_) {
@@ -371,7 +414,9 @@ void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
             self->terminal_->focus();
         });
     } else {
-        allocateAndCreatePty(QStringLiteral("终端"), std::nullopt, pendingEnvCommands, QStringLiteral("~"), std::nullopt);
+        // The lines are for the first session after pairing only: taken, not kept for the next one.
+        const std::optional<QString> env = std::exchange(pendingEnvCommands, std::nullopt);
+        allocateAndCreatePty(QStringLiteral("终端"), std::nullopt, env, QStringLiteral("~"), std::nullopt);
     }
 }
 

@@ -50,7 +50,14 @@ public:
     bool isConnected = false;
     int64_t nextPtyId = 1;
     std::optional<QString> pendingEnvCommands;
-    std::map<int64_t, QString> activeSessions;  // PTY id -> normalised working directory
+    std::map<int64_t, QString> activeSessions;  // PTY id -> normalised working directory, this client's only
+    // The running shells of other clients on the agent, by their session row id. Their PTY ids are
+    // chosen by those clients and may equal ours, so they never share a map or a row id with ours.
+    struct OtherSession {
+        int64_t ptyId = 0;
+        QString cwd;
+    };
+    std::map<QString, OtherSession> otherSessions;
     QHash<QString, QString> controllerNicknames;
     QHash<QString, QString> controllerNicknameHistory;
     bool pendingAutoCreate = false;
@@ -75,8 +82,18 @@ public:
                               const std::optional<QString>& postRevealCommand = std::nullopt);
     std::optional<int64_t> findExistingPty(const QString& forPath) const;
     QString normalizePath(const QString& path) const;
+    // "~" and "~/..." expanded against `home` (when known), then one trailing "/" dropped ("/" stays).
+    static QString normalizePath(const QString& path, const QString& home);
     void closeAndCleanupPty(int64_t ptyId);
+    // Forgets one of this client's sessions and asks the agent to close its PTY: at most once per
+    // session, and never for one that has ended. Answers whether "CLOSE_PTY" was asked for.
+    bool releasePty(int64_t ptyId);
+    // Everything known about sessions on the current link (ours and other clients'), and the
+    // environment lines waiting for the first session: they belong to that link and agent only.
+    void forgetLinkSessions();
     static std::optional<int64_t> parsePtyId(const QString& rowId);
+    // The row id of another client's shell: "pty-" + id + "@" + that client, never one of ours.
+    static QString otherSessionRowId(int64_t ptyId, const QString& owner);
 
     // Set-up steps.
     void sendSetupCommands(int64_t ptyId);
@@ -102,6 +119,7 @@ private:
     bool linkConnected() const;
     void send(const Message& m);
     bool hasTab(int64_t ptyId) const;
+    void removeTabOf(int64_t ptyId);  // the last tab going leaves the placeholder
     bool showsSentinel(const QString& text) const;
 
     WeakDelegate<RelayLink> link_;

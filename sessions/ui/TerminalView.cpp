@@ -15,6 +15,7 @@
 
 #include "FrozenOverlay.h"
 #include "Logger.h"
+#include "OutputTrace.h"
 #include "TabItemView.h"
 #include "Theme.h"
 
@@ -139,6 +140,8 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
     QFont tf = titleLabel_->font();
     tf.setBold(true);
     titleLabel_->setFont(tf);
+    hostLabel_ = new QLabel(titleBar_);
+    hostLabel_->hide();
     latencyLabel_ = new QLabel(titleBar_);
     QFont mono = QFontDatabase::systemFont(QFontDatabase::FixedFont);
     latencyLabel_->setFont(mono);
@@ -147,6 +150,7 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
     statusDot_ = dot;
     titleRow->addWidget(iconLabel_);
     titleRow->addWidget(titleLabel_, 1);
+    titleRow->addWidget(hostLabel_);
     titleRow->addWidget(latencyLabel_);
     titleRow->addWidget(statusDot_);
     column->addWidget(titleBar_);
@@ -203,10 +207,9 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
                 frameBytes_ = 0;
                 unackedPerPty_.clear();
                 unacked_ = 0;
-                if (receivePaused_) {
-                    receivePaused_ = false;
-                    if (auto* l = link_.get()) l->setReceivePaused(false);
-                }
+                held_.clear();
+                heldTotal_ = 0;
+                updatePause();
                 pendingOutputs.clear();
                 for (int64_t id : tabPtyIds) pendingOutputs.emplace_back(QStringLiteral("__CREATE__%1").arg(id), id);
                 webView_->load(QUrl(QStringLiteral("qrc:/terminal/terminal.html")));
@@ -214,6 +217,9 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
 
     frameTimer_.setSingleShot(true);
     connect(&frameTimer_, &QTimer::timeout, this, &TerminalView::flushOutput);
+    feedTimer_.setSingleShot(true);
+    feedTimer_.setInterval(4);
+    connect(&feedTimer_, &QTimer::timeout, this, &TerminalView::feedBackground);
 
     webView_->load(QUrl(QStringLiteral("qrc:/terminal/terminal.html")));
     updateTabBar();
@@ -239,6 +245,7 @@ void TerminalView::flushOutput() {
     QString script;
     script.reserve(frameBytes_ / 3 * 4 + 64 * static_cast<qsizetype>(frame_.size()));
     for (const auto& [id, bytes] : frame_) {
+        trace::mark(trace::Stage::handedToPage, id);
         script += QStringLiteral("writeOutput('");
         script += QLatin1String(bytes.toBase64());
         script += QStringLiteral("',") + QString::number(id) + QStringLiteral(");");
@@ -324,6 +331,7 @@ void TerminalView::updateTabBar() {
 void TerminalView::switchTab(int64_t ptyId) {
     activePtyId = ptyId;
     run(QStringLiteral("switchTerminal(%1)").arg(ptyId));
+    releaseHeld(ptyId);  // what it missed while hidden, before anything newer
     updateTabStyles();
     if (auto it = tabTitles.find(ptyId); it != tabTitles.end()) titleLabel_->setText(it->second);
     if (tabPtyIds.contains(ptyId)) hideFrozenOverlay();
@@ -335,6 +343,7 @@ void TerminalView::closeTab(int64_t ptyId) {
     if (index < 0) return;
     tabPtyIds.removeAt(index);
     run(QStringLiteral("removeTerminal(%1)").arg(ptyId));
+    dropHeld(ptyId);
     forgetUnacked(ptyId);
     if (auto it = tabItems.find(ptyId); it != tabItems.end()) {
         it->second->hide();
@@ -359,7 +368,10 @@ void TerminalView::removeAllTabs() {
     terminatedTabs.clear();
     tabTitles.clear();
     pendingOutputs.clear();  // nothing queued for a terminal that no longer exists
+    held_.clear();
+    heldTotal_ = 0;
     for (auto& [id, n] : std::map<int64_t, int64_t>(unackedPerPty_)) forgetUnacked(id);
+    updatePause();
     updateTabBar();
 }
 
@@ -381,6 +393,7 @@ QString TerminalView::escapeForScript(const QString& text) {
 }
 
 void TerminalView::maskTab(int64_t ptyId, const QString& message) {
+    releaseHeld(ptyId);  // its last words are shown under the mask
     terminatedTabs.insert(ptyId);
     run(QStringLiteral("maskTerminal(%1,'%2')").arg(ptyId).arg(escapeForScript(message)));
     if (auto it = tabItems.find(ptyId); it != tabItems.end()) {
@@ -418,36 +431,113 @@ void TerminalView::writeOutput(const std::string& base64, int64_t ptyId) {
         pendingOutputs.emplace_back(QString::fromLatin1(base64.data(), static_cast<qsizetype>(base64.size())), ptyId);
         return;
     }
-    // Output waiting for the same frame is joined per terminal: the page writes a few large pieces
-    // much faster than many small ones. Each terminal still gets its bytes in order.
+    if (!tabPtyIds.contains(ptyId)) return;  // the page has no terminal for it either
     const QByteArray bytes = QByteArray::fromBase64(QByteArray::fromRawData(base64.data(), static_cast<qsizetype>(base64.size())));
-    handOver(ptyId, bytes.size());
     ++outputChunks_;
+    if (ptyId == awaitingEcho_) awaitingEcho_ = 0;  // the echo is here: the usual mark again
+    if (ptyId != activePtyId) {
+        // A hidden tab's output waits here and goes to the page as the page makes room for it, so the
+        // shown tab's output (an echo) never queues behind a flood in another tab.
+        std::deque<QByteArray>& q = held_[ptyId];
+        if (!q.empty() && q.back().size() + bytes.size() <= kMaxFramePiece)
+            q.back() += bytes;
+        else
+            q.push_back(bytes);
+        heldTotal_ += bytes.size();
+        updatePause();
+        // Fed a little later, many small pieces joined: each call into the page has its own cost.
+        if (!feedTimer_.isActive()) feedTimer_.start();
+        return;
+    }
+    handOver(ptyId, bytes.size());
+    queueForPage(ptyId, bytes);
+    const auto own = unackedPerPty_.find(ptyId);
+    const int64_t ownUnacked = own == unackedPerPty_.end() ? 0 : own->second;
+    if (frameBytes_ >= kMaxFrameBytes) {
+        flushOutput();  // very large scripts are not delivered reliably: hand over in slices
+    } else if (ownUnacked <= kPageBusyAbove && !frameTimer_.isActive()) {
+        flushOutput();  // the page keeps up: at once, so an echo never waits for a frame
+    } else if (!frameTimer_.isActive()) {
+        // The page has fallen behind with this tab (much written and not yet acknowledged): its output
+        // is joined into one call per frame.
+        const qint64 since = lastFlush_.isValid() ? lastFlush_.elapsed() : kFrameMs;
+        frameTimer_.start(static_cast<int>(std::max<qint64>(0, kFrameMs - since)));
+    }
+}
+
+// Output waiting for the same frame is joined per terminal: the page writes a few large pieces much
+// faster than many small ones. Each terminal still gets its bytes in order.
+void TerminalView::queueForPage(int64_t ptyId, const QByteArray& bytes) {
     auto last = std::find_if(frame_.rbegin(), frame_.rend(), [&](const auto& e) { return e.first == ptyId; });
     if (last != frame_.rend() && last->second.size() + bytes.size() <= kMaxFramePiece)
         last->second += bytes;
     else
         frame_.emplace_back(ptyId, bytes);
     frameBytes_ += bytes.size();
-    if (frameBytes_ >= kMaxFrameBytes) {
-        flushOutput();  // very large scripts are not delivered reliably: hand over in slices
-    } else if (unacked_ <= kPageBusyAbove && !frameTimer_.isActive()) {
-        flushOutput();  // the page keeps up: at once, so an echo never waits for a frame
-    } else if (!frameTimer_.isActive()) {
-        // The page has fallen behind (much written and not yet acknowledged): output is joined into
-        // one call per terminal per frame.
-        const qint64 since = lastFlush_.isValid() ? lastFlush_.elapsed() : kFrameMs;
-        frameTimer_.start(static_cast<int>(std::max<qint64>(0, kFrameMs - since)));
+}
+
+// Hands held output of hidden tabs to the page, a piece per tab in turn, while the page has less than
+// kBackgroundInPage of it to write.
+void TerminalView::feedBackground() {
+    if (!isWebViewReady || held_.empty()) return;
+    const auto active = unackedPerPty_.find(activePtyId);
+    int64_t inPage = unacked_ - (active == unackedPerPty_.end() ? 0 : active->second);
+    bool fed = false;
+    while (inPage < kBackgroundInPage && !held_.empty()) {
+        auto it = held_.upper_bound(lastFed_);
+        if (it == held_.end()) it = held_.begin();
+        const int64_t id = it->first;
+        QByteArray bytes = std::move(it->second.front());
+        it->second.pop_front();
+        if (it->second.empty()) held_.erase(it);
+        lastFed_ = id;
+        heldTotal_ -= bytes.size();
+        inPage += bytes.size();
+        handOver(id, bytes.size());
+        queueForPage(id, bytes);
+        fed = true;
+        if (frameBytes_ >= kMaxFrameBytes) flushOutput();
     }
+    if (fed) flushOutput();
+}
+
+void TerminalView::releaseHeld(int64_t ptyId) {
+    auto it = held_.find(ptyId);
+    if (it == held_.end()) return;
+    std::deque<QByteArray> q = std::move(it->second);
+    held_.erase(it);
+    for (const QByteArray& bytes : q) {
+        heldTotal_ -= bytes.size();
+        handOver(ptyId, bytes.size());
+        queueForPage(ptyId, bytes);
+        if (frameBytes_ >= kMaxFrameBytes) flushOutput();
+    }
+    flushOutput();
+}
+
+void TerminalView::dropHeld(int64_t ptyId) {
+    auto it = held_.find(ptyId);
+    if (it == held_.end()) return;
+    for (const QByteArray& bytes : it->second) heldTotal_ -= bytes.size();
+    held_.erase(it);
+    updatePause();
+}
+
+// The link stops reading while the page and this view together have more than kPauseAbove to write.
+void TerminalView::updatePause() {
+    const int64_t queued = unacked_ + heldTotal_;
+    if (queued >= kHardLimit) awaitingEcho_ = 0;
+    const int64_t room = awaitingEcho_ != 0 ? kTypingRoom : 0;
+    const bool pause = receivePaused_ ? queued >= kResumeBelow + room : queued > kPauseAbove + room;
+    if (pause == receivePaused_) return;
+    receivePaused_ = pause;
+    if (auto* l = link_.get()) l->setReceivePaused(pause);
 }
 
 void TerminalView::handOver(int64_t ptyId, int64_t bytes) {
     unackedPerPty_[ptyId] += bytes;
     unacked_ += bytes;
-    if (!receivePaused_ && unacked_ > kPauseAbove) {
-        receivePaused_ = true;
-        if (auto* l = link_.get()) l->setReceivePaused(true);
-    }
+    updatePause();
 }
 
 void TerminalView::onAck(int64_t ptyId, int64_t bytes) {
@@ -458,10 +548,8 @@ void TerminalView::onAck(int64_t ptyId, int64_t bytes) {
     unacked_ -= n;
     acknowledgedTotal_ += n;
     if (it->second == 0) unackedPerPty_.erase(it);
-    if (receivePaused_ && unacked_ < kResumeBelow) {
-        receivePaused_ = false;
-        if (auto* l = link_.get()) l->setReceivePaused(false);
-    }
+    feedBackground();
+    updatePause();
 }
 
 void TerminalView::forgetUnacked(int64_t ptyId) {
@@ -478,6 +566,12 @@ void TerminalView::onInput(int64_t ptyId, const QString& data) {
     m.ptyId = ptyId;
     m.data = data.toStdString();
     l->send(m);
+    trace::mark(trace::Stage::inputSent, ptyId);
+    if (receivePaused_ && unacked_ + heldTotal_ < kHardLimit) {
+        // The echo is behind whatever the relay queued while the link was paused: read on until it comes.
+        awaitingEcho_ = ptyId;
+        updatePause();
+    }
 }
 
 void TerminalView::onResize(int64_t ptyId, int64_t cols, int64_t rows) {
@@ -540,6 +634,11 @@ void TerminalView::hideLatency() { latencyLabel_->hide(); }
 
 void TerminalView::setTitle(const QString& text) { titleLabel_->setText(text); }
 
+void TerminalView::setHostName(const QString& name) {
+    hostLabel_->setText(name);
+    hostLabel_->setVisible(!name.isEmpty());
+}
+
 void TerminalView::setStatusColor(const QColor& c) {
     static_cast<Dot*>(statusDot_)->colour = c;
     statusDot_->update();
@@ -553,6 +652,9 @@ void TerminalView::applyTheme() {
         w->setPalette(p);
     };
     fill(titleBar_, Theme::panelBackground());
+    QPalette hp = hostLabel_->palette();
+    hp.setColor(QPalette::WindowText, Theme::secondaryLabel());
+    hostLabel_->setPalette(hp);
     fill(tabBar_, Theme::panelBackground());
     fill(topBorderView_, Theme::border());
     fill(tabBorderView_, Theme::border());

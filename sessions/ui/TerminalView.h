@@ -13,6 +13,7 @@
 #include <QToolButton>
 #include <QVariant>
 #include <QWidget>
+#include <deque>
 #include <functional>
 #include <map>
 #include <string_view>
@@ -88,6 +89,8 @@ public:
     void updateLatency(int64_t milliseconds);
     void hideLatency();
     void setTitle(const QString& text);
+    // The paired agent's host name at the right of the title bar; empty hides it.
+    void setHostName(const QString& name);
     void setStatusColor(const QColor& c);
     void applyTheme();
     // Reads the clipboard and types its text into the active terminal (Ctrl+Shift+V, Shift+Insert).
@@ -110,6 +113,7 @@ public:
     FrozenOverlay* frozenOverlay() const { return frozenOverlay_; }
     QLabel* latencyLabel() const { return latencyLabel_; }
     QLabel* titleLabel() const { return titleLabel_; }
+    QLabel* hostLabel() const { return hostLabel_; }
     QWidget* tabBar() const { return tabBar_; }
     int tabBarHeight() const { return tabBar_->maximumHeight(); }
 
@@ -118,8 +122,17 @@ public:
     int64_t acknowledgedBytesTotal() const { return acknowledgedTotal_; }  // since the view was made
     int64_t outputChunksTotal() const { return outputChunks_; }  // writeOutput calls handed to the page
     bool receivePaused() const { return receivePaused_; }
+    // Output of tabs not shown, held here until the page has room for it (counted for the pause too).
+    int64_t heldBytes() const { return heldTotal_; }
     static constexpr int64_t kPauseAbove = 2 * 1024 * 1024;
-    static constexpr int64_t kResumeBelow = 1536 * 1024;
+    // Close below the pause mark: while the link is paused nothing else comes in either, an echo included.
+    static constexpr int64_t kResumeBelow = kPauseAbove - 128 * 1024;
+    // Output of tabs not shown that the page may have at once (it writes that in the shown tab's gaps).
+    static constexpr int64_t kBackgroundInPage = 256 * 1024;
+    // A key typed while the link is paused reads on until that tab's output (the echo) has come, with this
+    // much more room, unless the view already holds kHardLimit.
+    static constexpr int64_t kTypingRoom = 2 * 1024 * 1024;
+    static constexpr int64_t kHardLimit = 8 * 1024 * 1024;
 
     // Every script call the view issues, in order (diagnostics and tests; bounded).
     std::function<void(const QString&)> scriptObserver;
@@ -145,6 +158,11 @@ private:
     void handOver(int64_t ptyId, int64_t bytes);  // counts output given to the page, pauses the link if due
     void onAck(int64_t ptyId, int64_t bytes);
     void forgetUnacked(int64_t ptyId);
+    void queueForPage(int64_t ptyId, const QByteArray& bytes);  // into the next frame's call
+    void feedBackground();
+    void releaseHeld(int64_t ptyId);  // all of it to the page, in order
+    void dropHeld(int64_t ptyId);
+    void updatePause();
     void layoutOverlay();
 
     WeakDelegate<TerminalViewDelegate> delegate_;
@@ -155,6 +173,7 @@ private:
     QWidget* titleBar_ = nullptr;
     QLabel* iconLabel_ = nullptr;
     QLabel* titleLabel_ = nullptr;
+    QLabel* hostLabel_ = nullptr;
     QLabel* latencyLabel_ = nullptr;
     QWidget* statusDot_ = nullptr;
     QWidget* topBorderView_ = nullptr;
@@ -177,6 +196,11 @@ private:
     std::map<int64_t, int64_t> unackedPerPty_;
     int64_t unacked_ = 0;
     bool receivePaused_ = false;
+    std::map<int64_t, std::deque<QByteArray>> held_;  // per PTY, in arrival order
+    int64_t heldTotal_ = 0;
+    int64_t lastFed_ = 0;  // the PTY fed last, for turns among the held ones
+    QTimer feedTimer_;
+    int64_t awaitingEcho_ = 0;  // the PTY typed into while the link was paused, until its output comes
 };
 
 }  // namespace ostv

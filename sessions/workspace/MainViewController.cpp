@@ -118,12 +118,13 @@ void MainViewController::appendUnique(const char* key, const QString& value) {
 void MainViewController::dropLinkState() {
     sessions_.isConnected = false;
     sessions_.pendingAutoCreate = false;
-    sessions_.activeSessions.clear();
+    sessions_.forgetLinkSessions();
     sessions_.cleanupAllSetup();
     terminalView->removeAllTabs();
     terminalView->showEmptyState(QStringLiteral("选择目录或添加会话以启动终端"));
     terminalView->setStatusColor(QColor(0x88, 0x88, 0x88));
     terminalView->hideLatency();
+    terminalView->setHostName({});
     resourcePanelView->setUsers({}, ResourcePanelView::defaultUserLimit);
     resourcePanelView->setDirectories({});
 }
@@ -134,7 +135,7 @@ void MainViewController::connectionManagerDidChangeState(ConnectionManager*, con
         case ConnectionState::Kind::connecting: statusBar->setStatus(ConnectionStatus::connecting()); break;
         case ConnectionState::Kind::reconnecting: statusBar->setStatus(ConnectionStatus::reconnecting(0)); break;
         case ConnectionState::Kind::connected:
-            statusBar->setStatus(ConnectionStatus::connected(currentHost ? std::optional<QString>(currentHost->name) : std::nullopt));
+            statusBar->setStatus(ConnectionStatus::connected(currentHost ? std::optional<QString>(currentHost->title()) : std::nullopt));
             break;
         case ConnectionState::Kind::waitingForList:
         case ConnectionState::Kind::selecting: break;
@@ -157,7 +158,8 @@ void MainViewController::connectionManagerDidChangeState(ConnectionManager*, con
         hostListView->updateHost(h);
     }
     appendUnique(SettingsKey::confirmedMachines, qs(state.machineId.value_or("")));
-    terminalView->setTitle(currentHost ? currentHost->name : QStringLiteral("终端"));
+    terminalView->setTitle(currentHost ? currentHost->title() : QStringLiteral("终端"));
+    terminalView->setHostName(currentHost ? currentHost->hostname : QString());
     terminalView->setStatusColor(QColor(0x4e, 0xc9, 0xb0));
     const QString nickname = SessionController::userNickname();
     resourcePanelView->addUser(User{QStringLiteral("self"), nickname, nickname.left(2).toUpper(), true});
@@ -212,12 +214,13 @@ void MainViewController::connectionManagerWasKicked(ConnectionManager*, const st
     sessions_.cleanupAllSetup();
     sessions_.isConnected = false;
     sessions_.pendingAutoCreate = false;
-    sessions_.activeSessions.clear();
-    showError(qs(reason) + QStringLiteral(" (by ") + qs(by) + QLatin1Char(')'));
+    sessions_.forgetLinkSessions();
+    presentConnectionAlert(qs(reason) + QStringLiteral(" (by ") + qs(by) + QLatin1Char(')'), true);
     terminalView->removeAllTabs();
     terminalView->showFrozenOverlay();
     terminalView->setStatusColor(QColor(0xff, 0xbd, 0x2e));
     terminalView->hideLatency();
+    terminalView->setHostName({});
     statusBar->setStatus(ConnectionStatus::disconnected());  // the link is down after a kick
     resourcePanelView->setUsers({}, ResourcePanelView::defaultUserLimit);
     if (currentHost) {
@@ -364,6 +367,9 @@ void MainViewController::connectPanelDidRequestPairWithCode(ConnectPanelViewCont
     if (manager_->state().kind != ConnectionState::Kind::disconnected) manager_->disconnect();
     sessions_.nextPtyId = 1;
     dropLinkState();
+    // The agent is the one whose code was typed, when the list has it (not a row selected earlier):
+    // the status bar and the titles name it.
+    if (auto listed = hostListView->findHost(code)) currentHost = *listed;
     if (currentHost) setWindowTitleFor(*currentHost);
     statusBar->setStatus(ConnectionStatus::connecting());
     manager_->connect(currentHost.value_or(Host{}), code.toStdString(), nickname.toStdString());
@@ -379,29 +385,40 @@ void MainViewController::allocateAndCreatePty(const QString& title, const std::o
 void MainViewController::resourcePanelViewDidClickAddSession(ResourcePanelView*) { openNewSessionPanel(); }
 
 void MainViewController::resourcePanelViewDidClickSession(ResourcePanelView*, const User& user) {
+    if (!user.isSelf) return takeOverSession(user);
     const auto id = SessionController::parsePtyId(user.id);
     if (!id || *id < 1) return;
-    if (user.isSelf) {
-        if (terminalView->tabIds().contains(*id)) {
-            terminalView->switchTab(*id);
-            terminalView->focus();
-        } else {
-            terminalView->createTab(*id, user.name);
-            terminalView->hideFrozenOverlay();
-        }
-        return;
+    if (terminalView->tabIds().contains(*id)) {
+        terminalView->switchTab(*id);
+        terminalView->focus();
+    } else {
+        terminalView->createTab(*id, user.name);
+        terminalView->hideFrozenOverlay();
     }
-    takeOverSession(*id, user);
 }
 
-void MainViewController::takeOverSession(int64_t ptyId, const User& user) {
+void MainViewController::takeOverSession(const User& user) {
+    // "CLOSE_PTY" names only a number, and the agent reads a number this client runs as its own
+    // shell: while one of ours has the other client's number, closing theirs would end ours.
+    const auto collides = [this](const QString& rowId) {
+        const auto it = sessions_.otherSessions.find(rowId);
+        return it != sessions_.otherSessions.end() && sessions_.activeSessions.count(it->second.ptyId) > 0;
+    };
+    if (collides(user.id)) {
+        showError(QStringLiteral("无法接管：本机有一个编号相同的会话，请先关闭本机的该会话再接管"));
+        return;
+    }
+    if (!sessions_.otherSessions.count(user.id)) return;  // the row is gone: its shell has ended
     if (!confirm(QStringLiteral("接管会话？"), QStringLiteral("将踢掉 ") + user.name + QStringLiteral(" 并接管此工作目录的会话。"),
                  QStringLiteral("接管"), QStringLiteral("取消")))
         return;
-    const auto it = sessions_.activeSessions.find(ptyId);
-    const QString cwd = it != sessions_.activeSessions.end() ? it->second : QStringLiteral("~");
-    manager_->closePty(ptyId);
-    sessions_.activeSessions.erase(ptyId);
+    // The list may have changed while the question was open.
+    const auto it = sessions_.otherSessions.find(user.id);
+    if (it == sessions_.otherSessions.end() || collides(user.id)) return;
+    const SessionController::OtherSession other = it->second;
+    const QString cwd = other.cwd.isEmpty() ? QStringLiteral("~") : other.cwd;
+    manager_->closePty(other.ptyId);
+    sessions_.otherSessions.erase(it);
     QPointer<MainViewController> self(this);
     QTimer::singleShot(500, this, [self, cwd] {
         if (self)
@@ -409,35 +426,48 @@ void MainViewController::takeOverSession(int64_t ptyId, const User& user) {
     });
 }
 
-void MainViewController::resourcePanelViewDidRequestEditSession(ResourcePanelView*, const User& user) {
+std::optional<QString> MainViewController::sessionDirectory(const User& user) const {
+    if (!user.isSelf) {
+        const auto it = sessions_.otherSessions.find(user.id);
+        return it != sessions_.otherSessions.end() ? std::optional<QString>(it->second.cwd) : std::nullopt;
+    }
     const auto id = SessionController::parsePtyId(user.id);
-    if (!isConnected() || !id) return;
+    if (!id) return std::nullopt;
     const auto it = sessions_.activeSessions.find(*id);
-    if (it == sessions_.activeSessions.end()) return;
+    return it != sessions_.activeSessions.end() ? std::optional<QString>(it->second) : std::nullopt;
+}
+
+void MainViewController::resourcePanelViewDidRequestEditSession(ResourcePanelView*, const User& user) {
+    const auto cwd = sessionDirectory(user);
+    if (!isConnected() || !cwd) return;
     const ConnectionState& s = manager_->state();
     const QString code = currentHost ? currentHost->agentCode
                                      : ServerConfig::string(SettingsKey::lastPairCode).value_or(QString());
-    openConnectPanel(ConnectPanelMode::editSession(code, it->second, qs(s.os), qs(s.machineId)));
+    openConnectPanel(ConnectPanelMode::editSession(code, sessions_.normalizePath(*cwd), qs(s.os), qs(s.machineId)));
 }
 
+// Closing and deleting act on this client's own sessions only: another client's row is taken over
+// (with its own question), never closed in passing.
 void MainViewController::resourcePanelViewDidRequestDeleteSession(ResourcePanelView*, const User& user) {
     const auto id = SessionController::parsePtyId(user.id);
-    if (!id) return;
-    const auto it = sessions_.activeSessions.find(*id);
-    if (it != sessions_.activeSessions.end())
-        if (auto key = EnvStore::storageKey(qs(manager_->state().machineId.value_or("")), it->second)) EnvStore::remove(*key);
+    if (!user.isSelf || !id) return;
+    const ConnectionState& s = manager_->state();
+    if (const auto cwd = sessionDirectory(user))
+        if (auto key = EnvStore::sessionStorageKey(qs(s.machineId.value_or("")), *cwd, qs(s.homeDir.value_or(""))))
+            EnvStore::remove(*key);
     sessions_.closeAndCleanupPty(*id);
 }
 
 void MainViewController::resourcePanelViewDidRequestCloseSession(ResourcePanelView*, const User& user) {
+    if (!user.isSelf) return;
     if (const auto id = SessionController::parsePtyId(user.id)) sessions_.closeAndCleanupPty(*id);
 }
 
 void MainViewController::resourcePanelViewDidClickKickSession(ResourcePanelView* panel, const User& user) {
     if (user.isSelf)
         resourcePanelViewDidRequestCloseSession(panel, user);
-    else if (const auto id = SessionController::parsePtyId(user.id); id && *id >= 1)
-        takeOverSession(*id, user);
+    else
+        takeOverSession(user);
 }
 
 // ---- terminal view ----
@@ -448,17 +478,25 @@ void MainViewController::terminalViewDidRequestNewTab(TerminalView*) {
 
 void MainViewController::terminalViewDidSwitchToTab(TerminalView*, int64_t ptyId) { resourcePanelView->highlightSession(ptyId); }
 
-void MainViewController::terminalViewDidCloseTab(TerminalView*, int64_t ptyId) {
-    sessions_.activeSessions.erase(ptyId);
-    manager_->closePty(ptyId);
-}
+// Every way a tab goes ends here, also the session controller's own closes: the controller sends
+// "CLOSE_PTY" once per session and none for a shell that has ended.
+void MainViewController::terminalViewDidCloseTab(TerminalView*, int64_t ptyId) { sessions_.releasePty(ptyId); }
 
-void MainViewController::showError(const QString& text) {
+void MainViewController::showError(const QString& text) { presentConnectionAlert(text, false); }
+
+void MainViewController::presentConnectionAlert(const QString& text, bool isKick) {
     // One alert at a time: a failing link reports itself more than once (the transport's error, then
-    // the failed state), and a stack of modal boxes helps nobody. The open one says the latest.
+    // the failed state), and a stack of modal boxes helps nobody. The open one says the latest, except
+    // that why the user was pushed out is never overwritten by what the ended link reports after it.
+    static const char* const kickProperty = "showsKick";
     for (QMessageBox* open : findChildren<QMessageBox*>(QStringLiteral("connectionErrorAlert"), Qt::FindDirectChildrenOnly)) {
         if (open->isVisible()) {
+            if (open->property(kickProperty).toBool() && !isKick) {
+                Logger::info("Relay: not shown over the kick's reason: " + text.toStdString());
+                return;
+            }
             open->setInformativeText(text);
+            open->setProperty(kickProperty, isKick);
             return;
         }
     }
@@ -468,6 +506,7 @@ void MainViewController::showError(const QString& text) {
     box->addButton(QStringLiteral("确定"), QMessageBox::AcceptRole);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setObjectName(QStringLiteral("connectionErrorAlert"));
+    box->setProperty(kickProperty, isKick);
     box->open();  // window-modal, the event loop goes on
 }
 

@@ -46,7 +46,7 @@ public:
     // How a question is put to the user (tests answer it themselves): true for the first button.
     std::function<bool(const QString& message, const QString& text, const QString& yes, const QString& no)> confirm;
 
-    QString windowTitleForHost(const Host& h) const { return QStringLiteral("Quorv Client - ") + h.name; }
+    QString windowTitleForHost(const Host& h) const { return QStringLiteral("Quorv Client - ") + h.title(); }
     static QString percent(double value);  // "%.0f%%"
 
     // ConnectionManagerDelegate
@@ -114,7 +114,11 @@ private:
     void openNewSessionPanel();
     void setWindowTitleFor(const Host& h);
     void appendUnique(const char* key, const QString& value);
-    void takeOverSession(int64_t ptyId, const User& user);
+    void takeOverSession(const User& user);
+    // The working directory of a session row, ours or another client's; none for a row gone by now.
+    std::optional<QString> sessionDirectory(const User& user) const;
+    // The one alert for connection errors; a kick's reason stays in it until the user dismisses it.
+    void presentConnectionAlert(const QString& text, bool isKick);
 
     ConnectionManager* manager_;
     SessionController sessions_;

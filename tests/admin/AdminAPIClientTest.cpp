@@ -94,7 +94,7 @@ protected:
 };
 
 TEST_F(AdminClientLocalServer, WarmUpThenLoginThenAgents) {
-    agents = {{"482913", "machine-1", "linux", 2, 37.2, 61.0}, {"100200", "machine-2", "windows", 0, 0.0, 0.0}};
+    agents = {{"482913", "machine-1", "linux", 2, 37.2, 61.0}, {"100200", "machine-2", "windows", 0, 0.0, 0.0, "box-2"}};
     AdminAPIClient client;
     StdoutCapture log;
 
@@ -122,6 +122,8 @@ TEST_F(AdminClientLocalServer, WarmUpThenLoginThenAgents) {
     EXPECT_EQ(hosts[0].cpuLoad, "37%");
     EXPECT_EQ(hosts[0].memLoad, "61%");
     EXPECT_EQ(hosts[1].name, "Windows");
+    EXPECT_EQ(hosts[0].hostname, "");
+    EXPECT_EQ(hosts[1].hostname, "box-2");
     EXPECT_EQ(hosts[1].cpuLoad, "-");
     EXPECT_EQ(hosts[1].memLoad, "");
 

@@ -81,7 +81,8 @@ TEST_F(AdminHttpApiTest, SignIn) {
 
 TEST_F(AdminHttpApiTest, AgentListNeedsAValidToken) {
     api.setAgentSource([] {
-        return std::vector<AgentSummary>{{"482913", "m-1", "linux", 3, 12.5, 40.25}, {"100200", "m-2", "darwin", 0, 0, 0}};
+        return std::vector<AgentSummary>{{"482913", "m-1", "linux", 3, 12.5, 40.25},
+                                         {"100200", "m-2", "darwin", 0, 0, 0, "lab-mac"}};
     });
     const QByteArray token = login();
     ASSERT_FALSE(token.isEmpty());
@@ -95,6 +96,7 @@ TEST_F(AdminHttpApiTest, AgentListNeedsAValidToken) {
                                          {"os", "linux"}, {"cpu", 12.5}, {"mem", 40.25}}));
     EXPECT_TRUE(agents[1]["controller_count"].is_number_integer());
     EXPECT_EQ(agents[1]["os"], "darwin");
+    EXPECT_EQ(agents[1]["hostname"], "lab-mac");  // and none at all (not null, not empty) for the first
 
     EXPECT_EQ(call("GET", "/admin/agents").status, 401);
     EXPECT_EQ(call("GET", "/admin/agents", QByteArray(), "0123").status, 401);
@@ -146,6 +148,58 @@ TEST_F(AdminHttpApiTest, AHeadAnswerLeavesTheConnectionUsable) {
         return second.contains("\"token\"");
     })) << second.constData();
     EXPECT_TRUE(second.startsWith("HTTP/1.1 200")) << second.constData();
+}
+
+// Wrong passwords from one address: the first few are answered as such, then that address waits
+// (429 with Retry-After), even with the right password, until its wait is over.
+TEST_F(AdminHttpApiTest, FailedSignInsMakeTheAddressWait) {
+    ostv::server::AttemptLimiter::Policy policy;
+    policy.freeFailures = 2;
+    policy.firstWait = 700ms;
+    api.setLoginPolicy(policy);
+    EXPECT_TRUE(login("admin", "guess-1").isEmpty());
+    EXPECT_TRUE(login("admin", "guess-2").isEmpty());
+    const Answer waiting = call("POST", "/admin/login", R"({"username":"admin","password":"quill_tarn"})");
+    EXPECT_EQ(waiting.status, 429);
+    EXPECT_EQ(nlohmann::json::parse(waiting.body.toStdString(), nullptr, false),
+              (nlohmann::json{{"error", "too many attempts"}}));
+    ostv::test::spin(800);
+    EXPECT_FALSE(login().isEmpty()) << "the right password works once the wait is over";
+}
+
+// Idle sockets cannot hold the door: a cap per address and in total (where the idlest gives way), an
+// idle time-out, and a byte cap on a request.
+TEST_F(AdminHttpApiTest, ConnectionsAreCappedAndIdleOrOversizedOnesClosed) {
+    ostv::server::AdminLimits limits;
+    limits.maxConnections = 4;
+    limits.maxPerAddress = 3;
+    limits.idleTimeout = 1500ms;
+    limits.maxRequestBytes = 4096;
+    api.setLimits(limits);
+    std::vector<std::unique_ptr<QTcpSocket>> idle;
+    auto open = [&](const char* from) {
+        auto s = std::make_unique<QTcpSocket>();
+        s->bind(QHostAddress(QString::fromLatin1(from)), 0);
+        s->connectToHost(QHostAddress::LocalHost, api.port());
+        EXPECT_TRUE(s->waitForConnected(3000)) << from;
+        idle.push_back(std::move(s));
+        return idle.back().get();
+    };
+    auto closedByServer = [](QTcpSocket* s) {
+        return waitUntil([&] { return s->state() == QAbstractSocket::UnconnectedState; }, 3000);
+    };
+    for (int i = 0; i < 3; ++i) open("127.0.0.2");
+    EXPECT_TRUE(closedByServer(open("127.0.0.2"))) << "a fourth from one address";
+    EXPECT_TRUE(waitUntil([&] { return api.connectionCount() == 3; }));
+    open("127.0.0.3");
+    EXPECT_TRUE(waitUntil([&] { return api.connectionCount() == 4; }));
+    EXPECT_FALSE(login().isEmpty()) << "at the total cap the idlest connection makes room for a sign-in";
+    EXPECT_TRUE(closedByServer(idle[0].get())) << "the idlest one went";
+
+    QTcpSocket* big = open("127.0.0.4");
+    big->write("POST /admin/login HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n" + QByteArray(8192, 'x'));
+    EXPECT_TRUE(closedByServer(big)) << "past the byte cap";
+    EXPECT_TRUE(waitUntil([&] { return api.connectionCount() == 0; })) << "idle ones time out";
 }
 
 TEST(AdminHttpApiListen, ATakenPortIsRefused) {

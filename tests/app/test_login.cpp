@@ -35,6 +35,14 @@ TEST(PasswordMasking, TypePasteDeleteAndMaskCharacters) {
     EXPECT_EQ(pw, "abxy");
     EXPECT_EQ(applyPasswordEdit("", pw), "");
     EXPECT_EQ(pw, "");
+    // A character beyond the basic plane (two UTF-16 units) or made of several code points is one
+    // mask, and one Backspace takes all of it.
+    EXPECT_EQ(applyPasswordEdit("a𝄞e\u0301", pw), "●●●");
+    EXPECT_EQ(pw, "a𝄞e\u0301");
+    EXPECT_EQ(applyPasswordEdit("●●", pw), "●●");
+    EXPECT_EQ(pw, "a𝄞");
+    EXPECT_EQ(applyPasswordEdit("●", pw), "●");
+    EXPECT_EQ(pw, "a");
 }
 
 class LoginScreen : public ::testing::Test {

@@ -167,6 +167,7 @@ TEST(MessageDecode, LongValuesDecodeExactlyLikeShortOnes) {
         R"({"type":"PTY_DATA","data":")" + b64 + "\xc3\xa9" + R"("})",             // UTF-8 text
         R"({"type":"x","controllers":[{"id":")" + b64 + R"(","nickname":"n","cwd":")" + b64 + R"("}]})",
         R"({"type":"x","data":"\u0001\u0002#0","msg":")" + b64 + R"("})",  // marker-like text stays text
+        R"({"type":"x","data":"\u0001\u0002\u00230","msg":")" + b64 + R"("})",  // the same, spelt otherwise
     };
     for (const auto& line : cases) {
         auto d = Message::decode(line);

@@ -4,6 +4,7 @@
 #include <QMessageBox>
 #include <QTimer>
 #include <memory>
+#include <set>
 #include <thread>
 
 #include "ClientIdentity.h"
@@ -38,10 +39,13 @@ protected:
         linkB.disconnect();
         SecretStore::useFileStoreOnlyForTesting(false);
     }
-    // Starts the server (with `extra` arguments) and makes the two windows; answers the agent's code,
-    // empty when the server did not start.
+    // Starts the server with an agent that takes one controller (and `extra` arguments) and makes the
+    // two windows; answers the agent's code, empty when the server did not start.
     QString startOneSeatAgent(const QStringList& extra = {}) {
-        server = std::make_unique<LocalServer>(QStringList{"--agents", "1", "--limit", "1"} + extra);
+        return startServer(QStringList{"--agents", "1", "--limit", "1"} + extra);
+    }
+    QString startServer(const QStringList& args) {
+        server = std::make_unique<LocalServer>(args);
         if (!server->start()) {
             ADD_FAILURE() << server->errorString().toStdString();
             return {};
@@ -62,7 +66,9 @@ protected:
 }  // namespace
 
 // Two workspaces on one agent that takes one controller: the second gets the chooser, and its takeover
-// pushes the first out.
+// pushes the first out. The chooser stays open for 20 s first, longer than the link's idle time-out,
+// while neither side has anything to say: the link must still be there for the pick. (This wait makes
+// the case take about 25 s.)
 TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     const QString code = startOneSeatAgent();
     ASSERT_FALSE(code.isEmpty());
@@ -83,11 +89,14 @@ TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     ASSERT_EQ(second.controllerChooser->controllers().size(), 1u);
     EXPECT_EQ(second.controllerChooser->controllers()[0].nickname, "alice");
     EXPECT_FALSE(second.controllerChooser->takeoverButton->isEnabled());
+    spin(20000);  // the user reads the chooser
+    ASSERT_EQ(linkB.state().kind, ConnectionState::Kind::selecting) << "the link went while the chooser was open";
     clickRow(second.controllerChooser->tableView, 0);
     ASSERT_TRUE(second.controllerChooser->takeoverButton->isEnabled());
     QTest::mouseClick(second.controllerChooser->takeoverButton, Qt::LeftButton);
 
     ASSERT_TRUE(waitUntil([&] { return linkB.state().isConnected(); }, 10000));
+    EXPECT_TRUE(second.statusBar->textLabel()->text().startsWith("已连接")) << second.statusBar->textLabel()->text().toStdString();
     ASSERT_TRUE(waitUntil([&] { return linkA.state().kind == ConnectionState::Kind::disconnected; }, 10000));
     EXPECT_TRUE(first.terminalView->tabIds().isEmpty());
     EXPECT_FALSE(first.terminalView->frozenOverlay()->isHidden());
@@ -160,10 +169,10 @@ TEST_F(Takeover, AnErrorFromALinkThatHasEndedIsNotShownAndAlertsDoNotStack) {
     EXPECT_TRUE(alerts().isEmpty()) << alerts().first()->informativeText().toStdString();
 
     window.connectionManagerDidReceiveError(&linkA, "连接失败: first");
-    window.connectionManagerDidReceiveError(&linkA, "Connection failed: 连接失败: second");
+    window.connectionManagerDidReceiveError(&linkA, "Connection failed: second");
     spin(100);
     ASSERT_EQ(alerts().size(), 1);
-    EXPECT_EQ(alerts().first()->informativeText(), "Connection failed: 连接失败: second");
+    EXPECT_EQ(alerts().first()->informativeText(), "Connection failed: second");
 
     // Once the user has dismissed it, the next error gets an alert of its own.
     alerts().first()->accept();
@@ -172,4 +181,115 @@ TEST_F(Takeover, AnErrorFromALinkThatHasEndedIsNotShownAndAlertsDoNotStack) {
     spin(100);
     ASSERT_EQ(alerts().size(), 1);
     EXPECT_EQ(alerts().first()->informativeText(), "连接失败: third");
+
+    // A kick's reason takes the open alert, and what the ended link reports after it never replaces it.
+    window.connectionManagerWasKicked(&linkA, "会话被接管", "bob");
+    window.connectionManagerDidReceiveError(&linkA, "连接失败: closed by the server");
+    spin(100);
+    ASSERT_EQ(alerts().size(), 1);
+    EXPECT_EQ(alerts().first()->informativeText(), "会话被接管 (by bob)");
+}
+
+// Another client on the same agent runs shells with the numbers of ours (each client counts from 1).
+// Its rows are told apart from ours; nothing this window does to its own sessions — closing one from
+// the list while several are open, closing a tab whose shell has ended, taking over the other
+// client's row that has one of our numbers — ends one of the other client's shells or one of ours by
+// mistake, while taking over a row of a number we do not use does end that shell. An agent switch
+// then leaves no environment lines behind for the new agent's first session.
+TEST_F(Takeover, AnotherClientsShellsWithOurNumbersAreNeverClosedByMistake) {
+    const QString code = startServer({"--agents", "2"});
+    ASSERT_FALSE(code.isEmpty());
+    MainViewController& w = *firstWindow;
+    w.sessions().setupTimeout = 20;  // shells on a busy machine: the set-up is not what is tested here
+    int asked = 0;
+    w.confirm = [&](const QString&, const QString&, const QString&, const QString&) {
+        ++asked;
+        return true;
+    };
+    const auto alertText = [&] {
+        auto* alert = w.findChild<QMessageBox*>("connectionErrorAlert");
+        return alert && alert->isVisible() ? alert->informativeText() : QString();
+    };
+
+    // The other client (a link of its own that names another client) opens shell 1 first.
+    ConnectionManager other;
+    other.connect(Host{}, code.toStdString(), "bob");
+    ASSERT_TRUE(waitUntil([&] { return other.state().isConnected(); }, 30000));
+    const auto otherOpens = [&](int64_t id) {
+        Message create("CREATE_PTY");
+        create.ptyId = id;
+        create.cols = 80;
+        create.rows = 24;
+        create.cwd = "/tmp";
+        create.clientId = "other-client";
+        other.send(create);
+    };
+    otherOpens(1);
+    ASSERT_TRUE(waitUntil([&] { return server->childCount() == 1; }, 30000));
+
+    // Ours: the first session keeps clear of the other's 1; two more follow.
+    w.sessions().pendingAutoCreate = true;
+    w.connectPanelDidRequestPairWithCode(nullptr, code, "alice");
+    w.sessions().pendingAutoCreate = true;
+    ASSERT_TRUE(waitUntil([&] { return w.terminalView->tabIds() == QList<int64_t>{2}; }, 30000));
+    w.allocateAndCreatePty("tmp", std::nullopt, std::nullopt, "/tmp");
+    ASSERT_TRUE(waitUntil([&] { return w.terminalView->tabIds().size() == 2; }, 30000));
+    w.allocateAndCreatePty("root", std::nullopt, std::nullopt, "/");
+    ASSERT_TRUE(waitUntil([&] { return w.terminalView->tabIds() == QList<int64_t>({2, 3, 4}); }, 30000));
+    otherOpens(2);
+    otherOpens(3);
+    const auto listed = [&](std::set<QString> others, std::set<int64_t> ours) {
+        linkA.send(Message("LIST_PTY"));
+        return waitUntil([&] {
+            std::set<QString> o;
+            std::set<int64_t> m;
+            for (const auto& [row, session] : w.sessions().otherSessions) o.insert(row);
+            for (const auto& [id, cwd] : w.sessions().activeSessions) m.insert(id);
+            return o == others && m == ours;
+        }, 15000);
+    };
+    ASSERT_TRUE(listed({"pty-1@other-client", "pty-2@other-client", "pty-3@other-client"}, {2, 3, 4}));
+    int otherRows = 0;
+    for (const User& u : w.resourcePanelView->users()) otherRows += !u.isSelf;
+    EXPECT_EQ(otherRows, 3);
+    const auto row = [&](const QString& id) {
+        for (const User& u : w.resourcePanelView->users())
+            if (u.id == id) return u;
+        ADD_FAILURE() << "no row " << id.toStdString();
+        return User{};
+    };
+
+    // Taking over the other's 2 would close our own 2: refused, with the reason, before any question.
+    w.resourcePanelViewDidClickKickSession(w.resourcePanelView, row("pty-2@other-client"));
+    EXPECT_EQ(asked, 0);
+    EXPECT_TRUE(alertText().startsWith("无法接管")) << alertText().toStdString();
+
+    // Our 2 ends (its tab is masked); closing that tab sends nothing.
+    Message bye("INPUT");
+    bye.ptyId = 2;
+    bye.data = "exit\r";
+    linkA.send(bye);
+    ASSERT_TRUE(waitUntil([&] { return w.terminalView->isTabTerminated(2); }, 30000));
+    w.terminalView->closeTab(2);
+    // Our 3 closed from the list while several tabs are open: one close, for ours.
+    w.resourcePanelViewDidRequestCloseSession(w.resourcePanelView, row("pty-3"));
+    EXPECT_EQ(w.terminalView->tabIds(), QList<int64_t>{4});
+    spin(1000);
+    EXPECT_TRUE(listed({"pty-1@other-client", "pty-2@other-client", "pty-3@other-client"}, {4}));
+
+    // The other's 1 is no number of ours: taken over, it ends, and the folder gets a session of ours.
+    w.resourcePanelViewDidClickSession(w.resourcePanelView, row("pty-1@other-client"));
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(waitUntil([&] { return w.terminalView->tabIds() == QList<int64_t>({4, 5}); }, 30000));
+    EXPECT_TRUE(listed({"pty-2@other-client", "pty-3@other-client"}, {4, 5}));
+    EXPECT_TRUE(waitUntil([&] { return server->childCount() == 4; }, 15000)) << server->childCount();
+
+    // The environment lines meant for the first session on this agent do not follow to the next.
+    w.setPendingEnvCommands(QString("export LEAKED=\"1\""));
+    Host second;
+    second.agentCode = server->code(1);
+    second.machineId = server->agents().at(1).machineId;
+    w.switchToAgent(second);
+    ASSERT_TRUE(waitUntil([&] { return !w.sessions().pendingSetup.empty(); }, 30000));
+    EXPECT_EQ(w.sessions().pendingSetup.begin()->second.envCommands, std::nullopt);
 }

@@ -18,6 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const auto& h : *hosts) {
             if (h.id.isEmpty()) __builtin_trap();
             if (!ids.insert(h.id.toStdString()).second) __builtin_trap();
+            // A host name is shown on one line: no line breaks, tabs or blanks at either end.
+            if (h.hostname != h.hostname.simplified()) __builtin_trap();
         }
     }
     return 0;

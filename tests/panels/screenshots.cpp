@@ -35,11 +35,13 @@ QPalette darkPalette() {
     return p;
 }
 
-Host host(const QString& id, const QString& name, HostStatus status, const QString& os, int users, const QString& cpu,
-          const QString& mem) {
+// As the admin client makes it: titled by the system name unless the list gives a host name.
+Host host(const QString& id, const QString& hostname, HostStatus status, const QString& os, int users,
+          const QString& cpu, const QString& mem) {
     Host h;
     h.id = id;
-    h.name = name;
+    h.name = AdminAgents::displayName(os);
+    h.hostname = hostname;
     h.status = status;
     h.os = os;
     h.userCount = users;
@@ -93,6 +95,7 @@ int main(int argc, char** argv) {
                 host("2", "build-mac-mini", HostStatus::online, "darwin", 0, "3%", ""),
                 host("3", "win-gpu-box-with-a-very-long-machine-name", HostStatus::offline, "windows", 0, "-", ""),
                 host("4", "edge-router", HostStatus::connecting, "freebsd", 1, "-", ""),
+                host("5", "", HostStatus::online, "linux", 0, "7%", "22%"),  // a server that sends no host name
             }));
         });
         auto* divider1 = new QFrame;

@@ -250,7 +250,7 @@ TEST_F(ConnectPanelFixture, EnvironmentRowsAreSavedForTheDirectoryAndComeBack) {
     panel->onDeleteEnvRow(panel->envRows[2].view);
     ASSERT_EQ(panel->envRows.size(), 2);
 
-    panel->pathField->setText("/srv/app ");  // a trailing blank does not change the key
+    panel->pathField->setText("/srv/app/ ");  // the key is the session's: "/srv/app", as edit and delete use it
     panel->onConfirm();
     panel->pathValidated(true);
     ASSERT_EQ(workspace.created.size(), 1u);

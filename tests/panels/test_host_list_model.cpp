@@ -90,6 +90,53 @@ TEST(HostRows, StatusColoursIconsAndCounts) {
     EXPECT_EQ(HostRows::userCountText(3), QString("3 人"));
 }
 
+// From the wire to the rows: an agent with a host name is titled by it and keeps its system name as a
+// caption; one without is titled by its system name alone. The host name changes neither the order nor
+// the identity of a row.
+TEST(HostRows, TitlesCaptionsAndToolTipsWithAndWithoutAHostName) {
+    const auto hosts = AdminAgents::decodeHosts(R"([
+        {"code":"653525","machine_id":"m2","controller_count":0,"os":"linux","hostname":"buildbox#2"},
+        {"code":"111111","machine_id":"m3","controller_count":0,"os":"darwin"},
+        {"code":"560573","machine_id":"m1","controller_count":1,"os":"linux","hostname":" buildbox#1 ","x":[1]},
+        {"code":"222222","controller_count":0,"hostname":null}])");
+    ASSERT_TRUE(hosts);
+    const QList<Host> rows = HostRows::merge({}, *hosts);
+    struct Row {
+        const char* id;
+        const char* title;
+        const char* caption;
+        const char* tip;
+    };
+    const Row expected[] = {
+        {"222222", "Unknown", "", "系统：Unknown\n配对码：222222"},
+        {"m1", "buildbox#1", "Linux", "主机名：buildbox#1\n系统：Linux\n机器 ID：m1\n配对码：560573"},
+        {"m2", "buildbox#2", "Linux", "主机名：buildbox#2\n系统：Linux\n机器 ID：m2\n配对码：653525"},
+        {"m3", "macOS", "", "系统：macOS\n机器 ID：m3\n配对码：111111"},
+    };
+    ASSERT_EQ(rows.size(), std::size(expected));
+    for (size_t i = 0; i < std::size(expected); ++i) {
+        const Host& h = rows[static_cast<qsizetype>(i)];
+        EXPECT_EQ(h.id, expected[i].id) << i;
+        EXPECT_EQ(h.title(), QString::fromUtf8(expected[i].title)) << i;
+        EXPECT_EQ(HostRows::osCaption(h), QString::fromUtf8(expected[i].caption)) << i;
+        EXPECT_EQ(HostRows::toolTip(h), QString::fromUtf8(expected[i].tip)) << i;
+    }
+    // Without a host name the row is titled exactly as before: by the system name.
+    EXPECT_EQ(rows[3].name, "macOS");
+    EXPECT_TRUE(rows[3].hostname.isEmpty());
+
+    // A host name that is not a string fails the list like any other ill-typed member.
+    EXPECT_FALSE(AdminAgents::decodeHosts(R"([{"code":"1","controller_count":0,"hostname":7}])"));
+    EXPECT_FALSE(AdminAgents::decodeHosts(R"([{"code":"1","controller_count":0,"hostname":{"n":"a"}}])"));
+    // Shown on one line; blank is none.
+    const auto odd = AdminAgents::decodeHosts(R"([{"code":"1","controller_count":0,"hostname":"a\nb\tc"},
+                                                  {"code":"2","controller_count":0,"hostname":"  "}])");
+    ASSERT_TRUE(odd);
+    EXPECT_EQ(odd->at(0).title(), "a b c");
+    EXPECT_EQ(odd->at(1).title(), "Unknown");
+    EXPECT_EQ(HostRows::osCaption(odd->at(1)), "");
+}
+
 TEST(HostListModel, APollWhileOneIsOpenIsSkippedNotQueued) {
     HostListModel model;
     ManualFetch fetch;

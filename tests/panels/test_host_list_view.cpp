@@ -80,6 +80,37 @@ TEST_F(HostListFixture, CellsShowTheSortedHosts) {
     EXPECT_EQ(second->statusDot->color().rgb(), QColor("#888888").rgb());
 }
 
+TEST_F(HostListFixture, AHostNameTitlesTheRowAndTheSystemNameStays) {
+    Host named = makeHost("b", "m2", "653525");
+    named.name = "Linux";
+    named.hostname = "build<box>#2";
+    Host plain = makeHost("a", "m1", "560573");
+    poll({named, plain});
+    ASSERT_EQ(shownIds(), QStringList({"a", "b"}));
+
+    HostCell* without = view.cellAt(0);
+    EXPECT_EQ(without->nameLabel->text(), "host-a");
+    EXPECT_FALSE(without->osLabel->isVisibleTo(without));
+    EXPECT_EQ(without->statusLabel->text(), "在线");
+    EXPECT_FALSE(without->toolTip().contains("主机名"));
+    EXPECT_TRUE(without->toolTip().contains("配对码：560573"));
+
+    HostCell* with = view.cellAt(1);
+    EXPECT_EQ(with->nameLabel->text(), "build<box>#2");
+    EXPECT_TRUE(with->osLabel->isVisibleTo(with));
+    EXPECT_EQ(with->osLabel->text(), "Linux");
+    EXPECT_EQ(with->statusLabel->text(), "在线");
+    // The tip is the server's text shown as it is, never read as markup.
+    for (const char* line : {"主机名：build&lt;box&gt;#2", "系统：Linux", "机器 ID：m2", "配对码：653525"})
+        EXPECT_TRUE(with->toolTip().contains(QString::fromUtf8(line))) << with->toolTip().toStdString();
+
+    // The name can go away again (an older server): the row is as it was without one.
+    named.hostname.clear();
+    view.updateHost(named);
+    EXPECT_EQ(with->nameLabel->text(), "Linux");
+    EXPECT_FALSE(with->osLabel->isVisibleTo(with));
+}
+
 TEST_F(HostListFixture, AClickedHostStaysSelectedAcrossPolls) {
     poll({makeHost("a", "m1", ""), makeHost("b", "m2", "")});
     view.tableView->setCurrentRow(1);  // as a click does

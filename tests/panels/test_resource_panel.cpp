@@ -157,22 +157,26 @@ TEST_F(ResourcePanelFixture, ToolsStartInTheClickedDirectoryOnlyWhileConnected) 
 TEST_F(ResourcePanelFixture, SessionRowsHeaderAndHighlight) {
     EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (0/8)");
     EXPECT_EQ(panel.addSessionButton->text(), "+  添加新的本机会话");
-    panel.setUsers({session(1, "api"), session(2, "web"), session(13, "ops", false)}, 8);
-    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (3/8)");
-    ASSERT_EQ(panel.userCells().size(), 3);
+    panel.setUsers({session(1, "api"), session(2, "web"), session(13, "ops"), session(13, "ops (bob)", false)}, 8);
+    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (4/8)");
+    ASSERT_EQ(panel.userCells().size(), 4);
+    // The button closes our own session and takes another client's over, and says so.
+    EXPECT_EQ(panel.userCells()[2]->kickButton->toolTip(), "关闭会话");
+    EXPECT_EQ(panel.userCells()[3]->kickButton->toolTip(), "接管会话");
 
     panel.highlightSession(13);
     QList<bool> active;
     for (UserCell* c : panel.userCells()) active << c->isActiveSession();
-    EXPECT_EQ(active, QList<bool>({false, false, true}));  // 13 is not mistaken for 1
+    // 13 is not mistaken for 1, and another client's 13 is not ours.
+    EXPECT_EQ(active, QList<bool>({false, false, true, false}));
     EXPECT_EQ(panel.activePtyId(), 13);
 
     // The highlight survives a rebuild of the rows.
     panel.addUser(session(4, "db"));
-    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (4/8)");
+    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (5/8)");
     active.clear();
     for (UserCell* c : panel.userCells()) active << c->isActiveSession();
-    EXPECT_EQ(active, QList<bool>({false, false, true, false}));
+    EXPECT_EQ(active, QList<bool>({false, false, true, false, false}));
 
     QTest::mouseClick(panel.addSessionButton, Qt::LeftButton);
     EXPECT_EQ(workspace.addClicks, 1);

@@ -43,6 +43,7 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #include "QuicServer.h"
 #include "ServerConfig.h"
 #include "TestSupport.h"
+#include "UdpForwarder.h"
 
 using namespace ostv;
 using namespace ostv::test;
@@ -316,105 +317,12 @@ TEST_F(Faults, LossAndDelayOnThePath) {
     pairAndTypeInOrder(c, server.code());
 }
 
-// Forwards UDP between the client and the relay on a thread of its own, dropping each datagram with the
-// given chance and holding every other one back for the given delay, in both directions. One client.
-class LossyForwarder {
-public:
-    LossyForwarder(quint16 relayPort, double loss, std::chrono::milliseconds delay) : loss_(loss), delay_(delay) {
-        front_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-        back_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ok_ = ::bind(front_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-        socklen_t len = sizeof a;
-        ok_ = ok_ && ::getsockname(front_, reinterpret_cast<sockaddr*>(&a), &len) == 0;
-        port_ = ntohs(a.sin_port);
-        a.sin_port = htons(relayPort);
-        ok_ = ok_ && ::connect(back_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-        if (ok_) thread_ = std::thread([this] { run(); });
-    }
-    ~LossyForwarder() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        ::close(front_);
-        ::close(back_);
-    }
-    bool ok() const { return ok_; }
-    quint16 port() const { return port_; }
-    uint64_t dropped() const { return dropped_; }
-    uint64_t passed() const { return passed_; }
-
-private:
-    struct Datagram {
-        Clock::time_point due;
-        bool toRelay;
-        std::string bytes;
-        bool operator>(const Datagram& o) const { return due > o.due; }
-    };
-    void run() {
-        std::mt19937 rng(20);
-        std::bernoulli_distribution drop(loss_);
-        std::priority_queue<Datagram, std::vector<Datagram>, std::greater<>> queue;
-        sockaddr_in client{};
-        bool haveClient = false;
-        char buf[65536];
-        while (!stop_) {
-            int waitMs = 20;
-            if (!queue.empty())
-                waitMs = std::clamp<int>(static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                              queue.top().due - Clock::now())
-                                                              .count()),
-                                         0, 20);
-            pollfd fds[2] = {{front_, POLLIN, 0}, {back_, POLLIN, 0}};
-            ::poll(fds, 2, waitMs);
-            for (int i = 0; i < 2; ++i) {
-                if (!(fds[i].revents & POLLIN)) continue;
-                sockaddr_in from{};
-                socklen_t fromLen = sizeof from;
-                const ssize_t n = ::recvfrom(fds[i].fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &fromLen);
-                if (n <= 0) continue;
-                if (i == 0) {
-                    client = from;
-                    haveClient = true;
-                }
-                if (drop(rng)) {
-                    ++dropped_;
-                    continue;
-                }
-                queue.push({Clock::now() + delay_, i == 0, std::string(buf, static_cast<size_t>(n))});
-            }
-            while (!queue.empty() && queue.top().due <= Clock::now()) {
-                const Datagram& d = queue.top();
-                if (d.toRelay)
-                    ::send(back_, d.bytes.data(), d.bytes.size(), 0);
-                else if (haveClient)
-                    ::sendto(front_, d.bytes.data(), d.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&client),
-                             sizeof client);
-                ++passed_;
-                queue.pop();
-            }
-        }
-    }
-
-    double loss_;
-    std::chrono::milliseconds delay_;
-    int front_ = -1;
-    int back_ = -1;
-    bool ok_ = false;
-    quint16 port_ = 0;
-    std::atomic<bool> stop_{false};
-    std::atomic<uint64_t> dropped_{0};
-    std::atomic<uint64_t> passed_{0};
-    std::thread thread_;
-};
-
 // The same loss and delay made by a forwarder in this process, so that it runs on every machine.
 TEST_F(Faults, LossAndDelayThroughALossyForwarder) {
     LocalServer server({"--agents", "1"});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     useServer(server);
-    LossyForwarder path(server.quicPort(), 0.20, std::chrono::milliseconds(100));
+    UdpForwarder path(server.quicPort(), 0.20, std::chrono::milliseconds(100));
     ASSERT_TRUE(path.ok());
     ServerConfig::setInteger(SettingsKey::serverQuicPort, path.port());
     Client c;

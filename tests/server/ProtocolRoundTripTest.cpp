@@ -17,169 +17,21 @@
 
 #include "LineSplitter.h"
 #include "LocalServer.h"
+#include "RelayController.h"
 #include "Message.h"
 #include "QUICTransport.h"
 #include "TestSupport.h"
+#include "QuicServer.h"
 
 using namespace ostv;
 using ostv::test::LocalServer;
+using ostv::test::Controller;
+using ostv::test::create;
+using ostv::test::input;
 using ostv::test::spin;
 using ostv::test::waitUntil;
 
 namespace {
-
-// One controller: a QUIC transport to the relay and every line it has received.
-class Controller : public QObject, public QUICTransportDelegate {
-public:
-    Controller(const LocalServer& server, const QString& code)
-        : transport_(server.host(), server.quicPort(), QStringLiteral("ctrl-") + code) {
-        transport_.setDelegate(this);
-    }
-
-    bool connect() {
-        transport_.connect();
-        return waitUntil([&] { return kind_ == QUICTransportState::Kind::ready || kind_ == QUICTransportState::Kind::failed; },
-                         15000) &&
-               kind_ == QUICTransportState::Kind::ready;
-    }
-    void disconnect() { transport_.disconnect(); }
-    // True once the server has closed the connection (the transport reports a failure).
-    bool waitClosedByServer(int ms = 10000) {
-        return waitUntil([&] { return kind_ == QUICTransportState::Kind::failed; }, ms);
-    }
-    bool isReady() const { return kind_ == QUICTransportState::Kind::ready; }
-
-    void send(const Message& m) { sendRaw(m.encode()); }
-    void sendRaw(std::string line) { transport_.send(std::move(line)); }
-
-    size_t mark() {
-        std::lock_guard l(mutex_);
-        return lines_.size();
-    }
-    std::vector<std::string> lines(size_t from = 0) {
-        std::lock_guard l(mutex_);
-        return from < lines_.size() ? std::vector<std::string>(lines_.begin() + static_cast<long>(from), lines_.end())
-                                    : std::vector<std::string>{};
-    }
-    std::vector<Message> received(const std::string& type, size_t from = 0) {
-        std::vector<Message> out;
-        for (const std::string& line : lines(from)) {
-            auto d = Message::decode(line);
-            if (d && d->type == type) out.push_back(d.value());
-        }
-        return out;
-    }
-    // The raw text of the first line of `type` from `from` on.
-    std::optional<std::string> waitLine(const std::string& type, size_t from = 0, int ms = 8000) {
-        std::optional<std::string> found;
-        waitUntil(
-            [&] {
-                for (const std::string& line : lines(from)) {
-                    auto s = MessageTypeSniff::decode(line);
-                    if (s && s->type == type) {
-                        found = line;
-                        return true;
-                    }
-                }
-                return false;
-            },
-            ms);
-        return found;
-    }
-    std::optional<Message> waitFor(const std::string& type, size_t from = 0, int ms = 8000) {
-        auto line = waitLine(type, from, ms);
-        if (!line) return std::nullopt;
-        auto d = Message::decode(*line);
-        EXPECT_TRUE(d.ok()) << *line;
-        return d ? std::optional<Message>(d.value()) : std::nullopt;
-    }
-    std::string output(int64_t ptyId, size_t from = 0) {
-        std::string out;
-        for (const Message& m : received("PTY_DATA", from))
-            if (m.ptyId == ptyId && m.data) out += QByteArray::fromBase64(QByteArray::fromStdString(*m.data)).toStdString();
-        return out;
-    }
-    bool waitOutput(int64_t ptyId, const std::string& needle, size_t from = 0, int ms = 10000) {
-        return waitUntil([&] { return output(ptyId, from).find(needle) != std::string::npos; }, ms);
-    }
-    int undecodable() {
-        std::lock_guard l(mutex_);
-        return undecodable_;
-    }
-
-    // Pairs and answers the controller id (empty when not paired).
-    std::string pair(const std::string& code, const std::string& nickname) {
-        const size_t from = mark();
-        Message m("pair");
-        m.code = code;
-        m.nickname = nickname;
-        m.protoVer = "2.0.0";
-        m.appVer = "2.1.0";
-        send(m);
-        auto paired = waitFor("paired", from);
-        return paired ? paired->id.value_or("") : std::string();
-    }
-
-    std::vector<PtyListItem> listPtys() {
-        const size_t from = mark();
-        send(Message("LIST_PTY"));
-        auto line = waitLine("PTY_LIST", from);
-        EXPECT_TRUE(line.has_value()) << "no PTY_LIST";
-        if (!line) return {};
-        auto env = PtyListEnvelope::decode(*line);
-        EXPECT_TRUE(env.ok()) << *line;
-        return env ? env->ptys : std::vector<PtyListItem>{};
-    }
-
-    std::optional<FSResultEnvelope> list(const std::string& path) {
-        const size_t from = mark();
-        Message m("fs_op");
-        m.op = "list";
-        m.path = path;
-        send(m);
-        auto line = waitLine("fs_result", from);
-        if (!line) return std::nullopt;
-        auto env = FSResultEnvelope::decode(*line);
-        EXPECT_TRUE(env.ok()) << *line;
-        return env ? std::optional<FSResultEnvelope>(env.value()) : std::nullopt;
-    }
-
-    void quicTransportDidChangeState(QUICTransport*, const QUICTransportState& s) override { kind_ = s.kind; }
-    void quicTransportDidReceiveData(QUICTransport*, std::string_view chunk) override {
-        std::lock_guard l(mutex_);
-        splitter_.feed(chunk, [&](std::string_view line) {
-            if (!MessageTypeSniff::decode(line)) ++undecodable_;
-            lines_.emplace_back(line);
-        });
-    }
-    void quicTransportDidEncounterError(QUICTransport*, const QUICTransportError&) override {}
-
-private:
-    QUICTransportState::Kind kind_ = QUICTransportState::Kind::setup;
-    std::mutex mutex_;
-    LineSplitter splitter_;
-    std::vector<std::string> lines_;
-    int undecodable_ = 0;
-    // Last, so that it goes first: its thread delivers data into the members above until it has stopped.
-    QUICTransport transport_;
-};
-
-Message create(int64_t ptyId, const std::string& clientId, const std::string& cwd = "~") {
-    Message m("CREATE_PTY");
-    m.ptyId = ptyId;
-    m.cols = 80;
-    m.rows = 24;
-    m.cwd = cwd;
-    m.clientId = clientId;
-    return m;
-}
-
-Message input(int64_t ptyId, const std::string& data) {
-    Message m("INPUT");
-    m.ptyId = ptyId;
-    m.data = data;
-    return m;
-}
 
 // A process that still runs (a zombie waiting for a parent that will not reap it counts as ended).
 bool running(pid_t pid) {
@@ -583,6 +435,39 @@ TEST_F(RoundTrip, StoppingTheServerHangsUpEveryShell) {
             << "shell " << running(shell) << ", sleeper " << running(sleeper);
         EXPECT_TRUE(a->waitClosedByServer()) << "the controller's connection is closed";
     }
+}
+
+// The listener on its own: once handshakes pile up (here: from the first), a new client first proves
+// its address with a Retry and then connects as usual; one address gets only so many connections.
+TEST(QuicListener, RetryOnceHandshakesPileUpAndACapPerAddress) {
+    server::QuicServer listener;
+    listener.retryAbove = 0;
+    listener.maxPerAddress = 2;
+    std::vector<std::string> heard;
+    listener.onConnection = [&](server::QuicConnection* c) {
+        c->onLine = [&heard, c](std::string_view line) {
+            heard.emplace_back(line);
+            c->sendLine("echo " + std::string(line));
+        };
+    };
+    ASSERT_TRUE(listener.listen(QHostAddress::LocalHost, 0)) << listener.errorString().toStdString();
+    std::vector<std::unique_ptr<Controller>> clients;
+    for (int i = 0; i < 3; ++i)
+        clients.push_back(std::make_unique<Controller>(QStringLiteral("127.0.0.1"), listener.port(), "123456"));
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(clients[i]->connect()) << i;
+        clients[i]->sendRaw("hello " + std::to_string(i));
+        EXPECT_TRUE(waitUntil([&] { return !clients[i]->lines().empty(); }, 3000)) << i;
+    }
+    EXPECT_GE(listener.retriesSent(), 2u);
+    EXPECT_EQ(heard, (std::vector<std::string>{"hello 0", "hello 1"}));
+    EXPECT_EQ(clients[0]->lines(), std::vector<std::string>{"echo hello 0"});
+
+    clients[2]->startConnecting();
+    spin(800);
+    EXPECT_FALSE(clients[2]->isReady()) << "a third connection from the same address is not taken";
+    EXPECT_EQ(listener.connectionCount(), 2u);
+    for (auto& c : clients) c->disconnect();
 }
 
 }  // namespace

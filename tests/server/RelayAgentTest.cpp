@@ -1,7 +1,10 @@
 // The relay and agent logic driven in-process through fake controller links, with real shells.
 #include <QDir>
 #include <QFile>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include "FakeLink.h"
 #include "TestSupport.h"
@@ -105,14 +108,32 @@ protected:
     std::unique_ptr<Relay> relay;
 };
 
-TEST_F(RelayTest, UnknownCodeIsRefusedAndClosedWhileTheServerNameCanStandInForAMissingCode) {
-    Peer bad = connect();
-    bad.send(pairMsg("999999", "eve"));
-    auto err = bad->received("error");
-    ASSERT_EQ(err.size(), 1u);
-    EXPECT_FALSE(err[0].msg.value_or("").empty());
-    EXPECT_TRUE(bad->closedByServer);
-    EXPECT_TRUE(bad->received("paired").empty());
+TEST_F(RelayTest, WrongCodesAreRefusedClosedAndLimitedWhileTheServerNameCanStandInForAMissingCode) {
+    AttemptLimiter::Policy policy;
+    policy.freeFailures = 2;
+    policy.firstWait = std::chrono::milliseconds(500);
+    relay->setPairingPolicy(policy);
+    // Guesses: two wrong codes are refused as such; then even the right code has to wait.
+    const std::pair<const char*, const char*> tries[] = {
+        {"999999", "配对码无效"}, {"123456", "配对码无效"}, {"111111", "配对尝试过多，请稍后再试"}};
+    for (const auto& [code, answer] : tries) {
+        Peer bad = connect();
+        bad.send(pairMsg(code, "eve"));
+        auto err = bad->received("error");
+        ASSERT_EQ(err.size(), 1u) << code;
+        EXPECT_EQ(err[0].msg.value_or(""), answer) << code;
+        EXPECT_TRUE(bad->closedByServer) << code;
+        EXPECT_TRUE(bad->received("paired").empty()) << code;
+    }
+    spin(600);
+
+    // Before pairing only short lines are taken.
+    Peer chatty = connect();
+    chatty.sendRaw(R"({"type":"latency_ping","ts":1,"pad":")" + std::string(Relay::kUnpairedLineBytes, 'x') + "\"}");
+    ASSERT_EQ(chatty->received("error").size(), 1u);
+    EXPECT_EQ(chatty->received("error")[0].msg.value_or(""), "消息过长，已忽略");
+    chatty.send(pairMsg("111111", "chatty"));
+    EXPECT_EQ(chatty->received("paired").size(), 1u) << "the right code pairs once the wait is over";
 
     Peer bySni = connect(QStringLiteral("ctrl-111111"));
     Message m("pair");
@@ -321,9 +342,11 @@ TEST_F(RelayTest, DirectoryListing) {
     QDir h(home);
     h.mkpath("beta/inner");
     h.mkpath("Alpha");
-    QFile f(h.filePath("zeta.txt"));
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.close();
+    h.mkpath(".cache");
+    for (const char* name : {"zeta.txt", ".bashrc"}) {
+        QFile f(h.filePath(name));
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    }
     ASSERT_TRUE(QFile::link(h.filePath("beta"), h.filePath("link-to-beta")));
 
     Peer a;
@@ -332,7 +355,10 @@ TEST_F(RelayTest, DirectoryListing) {
         Message m("fs_op");
         m.op = op;
         m.path = path;
+        const size_t from = a->lines.size();
         a.send(m);
+        EXPECT_TRUE(waitUntil([&] { return a->lines.size() > from; }));
+        if (a->lines.size() <= from) return FSResultEnvelope{};
         auto r = FSResultEnvelope::decode(a->lines.back());
         EXPECT_TRUE(r.ok()) << a->lines.back();
         return r ? r.value() : FSResultEnvelope{};
@@ -345,13 +371,15 @@ TEST_F(RelayTest, DirectoryListing) {
     ASSERT_TRUE(top.data.has_value());
     std::vector<std::string> names;
     for (const auto& e : *top.data) names.push_back(e.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"Alpha", "beta", "link-to-beta", "zeta.txt"}));
+    // Visible folders, then hidden ones, then files the same way.
+    EXPECT_EQ(names, (std::vector<std::string>{"Alpha", "beta", "link-to-beta", ".cache", "zeta.txt", ".bashrc"}));
     EXPECT_EQ((*top.data)[1].path, h.filePath("beta").toStdString());
     EXPECT_EQ((*top.data)[1].fileType, "directory");
     EXPECT_FALSE((*top.data)[1].isSymlink);
     EXPECT_EQ((*top.data)[2].fileType, "directory");
     EXPECT_TRUE((*top.data)[2].isSymlink);
-    EXPECT_EQ((*top.data)[3].fileType, "file");
+    EXPECT_EQ((*top.data)[3].fileType, "directory");
+    EXPECT_EQ((*top.data)[4].fileType, "file");
 
     FSResultEnvelope sub = ask(std::string("~/beta"));
     EXPECT_TRUE(sub.success);
@@ -372,6 +400,77 @@ TEST_F(RelayTest, DirectoryListing) {
     EXPECT_FALSE(otherOp.success);
     EXPECT_EQ(otherOp.op, "delete");
     EXPECT_TRUE(QDir(home).exists("beta"));
+}
+
+// A mount that never answers stands in for a hung file system: no FUSE daemon behind it.
+class HungMount {
+public:
+    explicit HungMount(const QString& dir) : dir_(QFile::encodeName(dir)) {
+        fd_ = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+        if (fd_ < 0) return;
+        const std::string opts = "fd=" + std::to_string(fd_) + ",rootmode=40000,user_id=0,group_id=0";
+        if (::mount("ostv-hung", dir_.constData(), "fuse.ostv-hung", MS_NOSUID | MS_NODEV, opts.c_str()) != 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~HungMount() {
+        if (fd_ < 0) return;
+        ::umount2(dir_.constData(), MNT_DETACH);
+        ::close(fd_);  // whatever still waits on it fails now
+    }
+    bool ok() const { return fd_ >= 0; }
+
+private:
+    QByteArray dir_;
+    int fd_ = -1;
+};
+
+TEST_F(RelayTest, ListingsRunOffTheLoopCappedInEntriesAndTime) {
+    const QString big = home + "/big";
+    QDir().mkpath(big);
+    for (size_t i = 0; i < Agent::kMaxListing + 300; ++i) {
+        const int fd = ::open(QFile::encodeName(big + "/f" + QString::number(i)).constData(), O_CREAT | O_WRONLY, 0600);
+        ASSERT_GE(fd, 0);
+        ::close(fd);
+    }
+    const QString hung = home + "/hung";
+    QDir().mkpath(hung);
+    HungMount mount(hung);
+
+    Peer a;
+    pair(a, "alice");
+    auto fsOp = [&](const QString& path) {
+        Message m("fs_op");
+        m.op = "list";
+        m.path = path.toStdString();
+        a.send(m);
+    };
+    if (mount.ok()) fsOp(hung);
+    fsOp(big);
+    Message ping("latency_ping");
+    ping.ts = 9;
+    a.send(ping);
+    EXPECT_EQ(a->received("latency_pong").size(), 1u) << "answered while the listings run";
+    auto answers = [&] {
+        return std::count_if(a->lines.begin(), a->lines.end(),
+                             [](const std::string& l) { return FSResultEnvelope::decode(l).ok(); });
+    };
+    ASSERT_TRUE(waitUntil([&] { return answers() == (mount.ok() ? 2 : 1); }, Agent::kListingTimeMs + 3000));
+    for (const std::string& line : a->lines) {
+        auto r = FSResultEnvelope::decode(line);
+        if (!r) continue;
+        if (r->path == big.toStdString()) {
+            // Cut at the entry cap, or earlier at the time cap on a slow machine.
+            EXPECT_TRUE(r->success);
+            EXPECT_GT(r->data ? r->data->size() : 0u, 0u);
+            EXPECT_LE(r->data ? r->data->size() : 0u, Agent::kMaxListing);
+        } else {
+            EXPECT_EQ(r->path, hung.toStdString());
+            EXPECT_FALSE(r->success) << "a file system that does not answer is a failed listing";
+        }
+    }
+    if (!mount.ok()) GTEST_SKIP() << "no FUSE mount here (needs /dev/fuse and the right to mount): hung case not run";
 }
 
 TEST_F(RelayTest, BadInputIsAnsweredAndNobodyElseNotices) {
@@ -428,6 +527,33 @@ TEST_F(RelayTest, RequestsBeforePairingAreRefusedAndAnIdleLinkIsClosed) {
     p.send(t);
     EXPECT_EQ(p->received("error").size(), 3u);
     EXPECT_TRUE(waitUntil([&] { return p->closedByServer; }, 2000));
+}
+
+// A controller that does not read its replies: what it sends meanwhile waits, in order, and only so
+// much of it.
+TEST_F(RelayTest, RequestsOfAControllerNotReadingItsRepliesWaitBounded) {
+    Peer a;
+    pair(a, "alice");
+    Message ping("latency_ping");
+    ping.ts = 7;
+    a->pending = 9 * 1024 * 1024;  // replies it has not taken
+    a.send(ping);
+    ASSERT_EQ(a->received("latency_pong").size(), 1u);
+    EXPECT_TRUE(a->readPaused);
+    for (int i = 0; i < 3; ++i) a.send(Message("LIST_PTY"));
+    a.send(ping);
+    EXPECT_TRUE(a->received("PTY_LIST").empty()) << "held, not answered";
+    a.ackAll();
+    EXPECT_FALSE(a->readPaused);
+    ASSERT_EQ(a->received("PTY_LIST").size(), 3u);
+    ASSERT_EQ(a->received("latency_pong").size(), 2u);
+    EXPECT_EQ(a->received().back().type, "latency_pong") << "in the order sent";
+
+    a->pending = 9 * 1024 * 1024;
+    a.send(ping);
+    for (size_t i = 0; i <= Relay::kHeldLines && !a->closed; ++i) a.send(ping);
+    EXPECT_TRUE(a->closedByServer) << "beyond its bound the link is closed";
+    EXPECT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
 }
 
 TEST_F(RelayTest, FloodingShellIsHeldBackByASlowControllerAndResumesWhenItDrains) {

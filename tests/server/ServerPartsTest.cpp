@@ -1,10 +1,24 @@
-// The server's command line and its reading of the machine's load.
+// The server's and the agent program's command lines, the agent's state folder and its backoff, the
+// reading of the machine's load, and the guards: limits on failed attempts, log text from the network,
+// and the shells' clean environment.
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include "AttemptLimiter.h"
+#include "LogText.h"
+#include "TestSupport.h"
+#include "agent/PtyProcess.h"
 #include "agent/SystemLoad.h"
+#include "link/AgentClient.h"
+#include "link/AgentHub.h"
+#include "program/AgentOptions.h"
 #include "program/ServerOptions.h"
 
 using namespace ostv::server;
+using ostv::server::AttemptLimiter;
 
 namespace {
 
@@ -30,7 +44,8 @@ TEST(ServerOptions, DefaultsAndEveryOption) {
     EXPECT_FALSE(d->exitWithParent);
 
     auto o = parse({"--bind", "::1", "--quic-port", "0", "--admin-port=0", "--user", "root", "--password", "",
-                    "--agents", "3", "--code", "123456", "--code=000001", "--limit", "2", "--shell", "/bin/sh"});
+                    "--agents", "3", "--code", "123456", "--code=000001", "--limit", "2", "--shell", "/bin/sh",
+                    "--agent-secret-file", "/tmp/s", "--name", " lab box "});
     ASSERT_TRUE(o);
     EXPECT_EQ(o->bind, "::1");
     EXPECT_EQ(o->quicPort, 0);
@@ -41,6 +56,10 @@ TEST(ServerOptions, DefaultsAndEveryOption) {
     EXPECT_EQ(o->codes, (std::vector<std::string>{"123456", "000001"}));
     EXPECT_EQ(o->limit, 2);
     EXPECT_EQ(o->shell, "/bin/sh");
+    EXPECT_EQ(o->agentSecretFile, "/tmp/s");
+    EXPECT_EQ(parse({"--agents", "0"})->agents, 0);
+    EXPECT_EQ(o->name, "lab box");
+    EXPECT_TRUE(d->name.isEmpty());
     EXPECT_TRUE(parse({"--help"})->help);
     EXPECT_TRUE(parse({"--exit-with-parent"})->exitWithParent);
 }
@@ -56,7 +75,7 @@ TEST(ServerOptions, BadArgumentsAreNamed) {
         {{"--quic-port", "70000"}, "70000"},
         {{"--admin-port", "http"}, "http"},
         {{"--bind", "localhost"}, "localhost"},
-        {{"--agents", "0"}, "--agents"},
+        {{"--agents", "-1"}, "--agents"},
         {{"--agents", "65"}, "--agents"},
         {{"--code", "12345"}, "12345"},
         {{"--code", "12345a"}, "12345a"},
@@ -65,6 +84,9 @@ TEST(ServerOptions, BadArgumentsAreNamed) {
         {{"--limit", "0"}, "--limit"},
         {{"--shell", "/no/such/shell"}, "/no/such/shell"},
         {{"--user", ""}, "--user"},
+        {{"--name", "  "}, "--name"},
+        {{"--name", "two\nlines"}, "--name"},
+        {{"--name", QString(65, 'n')}, "--name"},
     };
     for (const Case& c : cases) {
         QString error;
@@ -82,6 +104,239 @@ TEST(ServerOptions, RandomCodesAreSixDigitsAndAvoidTakenOnes) {
         ASSERT_EQ(std::count(taken.begin(), taken.end(), c), 0);
         taken.push_back(c);
     }
+}
+
+TEST(AgentOptions, RelayAddressesAndBadArguments) {
+    struct Address {
+        const char* text;
+        const char* host;  // nullptr: refused
+        int port;
+    };
+    const Address addresses[] = {
+        {"relay.example.net", "relay.example.net", 9090}, {"10.0.0.5:7000", "10.0.0.5", 7000},
+        {"[::1]:7001", "::1", 7001},                      {"[fe80::1]", "fe80::1", 9090},
+        {"fe80::2", "fe80::2", 9090},                     {"host:0", nullptr, 0},
+        {"host:70000", nullptr, 0},                       {"[::1", nullptr, 0},
+        {"[::1]x", nullptr, 0},                           {":9090", nullptr, 0},
+        {"a b", nullptr, 0},
+    };
+    for (const Address& a : addresses) {
+        QString host;
+        int port = 9090;
+        const bool ok = splitHostPort(QString::fromUtf8(a.text), &host, &port);
+        EXPECT_EQ(ok, a.host != nullptr) << a.text;
+        if (ok && a.host) {
+            EXPECT_EQ(host, QString::fromUtf8(a.host)) << a.text;
+            EXPECT_EQ(port, a.port) << a.text;
+        }
+    }
+
+    QString error;
+    auto o = AgentOptions::parse({"--relay", "r:1", "--secret-file", "/s", "--code", "012345", "--limit", "3",
+                                  "--state-dir", "/st", "--machine-id", "m-1", "--shell", "/bin/sh"},
+                                 &error);
+    ASSERT_TRUE(o) << error.toStdString();
+    EXPECT_EQ(o->relayHost, "r");
+    EXPECT_EQ(o->relayPort, 1);
+    EXPECT_EQ(o->code, "012345");
+    EXPECT_EQ(o->limit, 3);
+    EXPECT_EQ(o->stateDir, "/st");
+    EXPECT_TRUE(AgentOptions::parse({"--help"}, &error)->help);
+    const std::pair<QStringList, const char*> bad[] = {
+        {{"--secret-file", "/s"}, "--relay"},
+        {{"--relay", "r"}, "--secret-file"},
+        {{"--relay", "r", "--secret-file", "/s", "--code", "12345"}, "12345"},
+        {{"--relay", "r", "--secret-file", "/s", "--limit", "65"}, "--limit"},
+        {{"--relay", "r", "--secret-file", "/s", "--machine-id", "a/b"}, "a/b"},
+        {{"--relay", "r", "--secret-file", "/s", "--bind", "x"}, "--bind"},
+    };
+    for (const auto& [args, mentions] : bad) {
+        EXPECT_FALSE(AgentOptions::parse(args, &error)) << args.join(' ').toStdString();
+        EXPECT_TRUE(error.contains(QString::fromUtf8(mentions))) << error.toStdString();
+    }
+}
+
+TEST(AgentOptions, StateFolderAndSecretsAreKeptPrivate) {
+    QTemporaryDir dir;
+    QString error;
+    const QString state = dir.filePath("state");
+    const auto code = keptPairingCode(state, &error);
+    ASSERT_TRUE(code) << error.toStdString();
+    EXPECT_EQ(keptPairingCode(state, &error), code) << "the code survives restarts";
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(state + "/code").constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(::stat(QFile::encodeName(state).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+    bool made = false;
+    const QString secretPath = dir.filePath("relay/agent-secret");
+    const auto secret = readOrMakeSecretFile(secretPath, &made, &error);
+    ASSERT_TRUE(secret && made) << error.toStdString();
+    EXPECT_EQ(secret->size(), 64u);
+    ASSERT_EQ(::stat(QFile::encodeName(secretPath).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(readOrMakeSecretFile(secretPath, &made, &error), secret);
+    EXPECT_FALSE(made);
+    EXPECT_EQ(readSecretFile(secretPath, &error), secret);
+    EXPECT_FALSE(readSecretFile(dir.filePath("none"), &error));
+    EXPECT_TRUE(error.contains("none"));
+
+    EXPECT_TRUE(sameSecret(*secret, *secret));
+    for (const std::string& other : {std::string(), *secret + "0", secret->substr(1), "x" + secret->substr(1)})
+        EXPECT_FALSE(sameSecret(*secret, other)) << other;
+    EXPECT_FALSE(sameSecret("", "")) << "an empty secret matches nothing";
+}
+
+TEST(AgentClient, RetryDelayDoublesFromOneSecondToThirtyWithJitter) {
+    const std::tuple<int, double, int> cases[] = {{0, 1.0, 1000},   {1, 1.0, 2000},   {4, 1.0, 16000},
+                                                  {5, 1.0, 30000},  {40, 1.0, 30000}, {0, 0.8, 800},
+                                                  {3, 1.2, 9600},   {4, 1.2, 19200},  {5, 1.2, 30000}};
+    for (const auto& [failures, jitter, ms] : cases)
+        EXPECT_EQ(AgentClient::retryDelayMs(failures, jitter), ms) << failures << " " << jitter;
+// Who may start, with which password, on loopback and beyond it.
+TEST(ServerOptions, PasswordAndRootRulesBeyondLoopback) {
+    const QString dir = ostv::test::makeTempDir();
+    auto writeFile = [&](const char* name, const QByteArray& text, mode_t mode) {
+        const QString path = dir + "/" + name;
+        QFile f(path);
+        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(text);
+        f.close();
+        ::chmod(QFile::encodeName(path).constData(), mode);
+        return path;
+    };
+    const QString good = writeFile("good", "from-file-pw\nsecond line\n", 0600);
+    const QString open = writeFile("open", "from-file-pw\n", 0644);
+    struct Case {
+        QStringList args;
+        bool root;
+        const char* refusal;  // nullptr: starts
+        const char* password; // the password it ends with; nullptr: a random one
+    };
+    const Case cases[] = {
+        {{}, false, nullptr, "quill_tarn"},
+        {{"--password", ""}, true, nullptr, ""},
+        {{"--bind", "::1", "--password", "quill_tarn"}, true, nullptr, "quill_tarn"},
+        {{"--bind", "10.1.2.3"}, false, nullptr, nullptr},
+        {{"--bind", "10.1.2.3", "--password", "quill_tarn"}, false, "the default admin password", nullptr},
+        {{"--bind", "0.0.0.0", "--password", ""}, false, "an empty admin password", nullptr},
+        {{"--bind", "10.1.2.3", "--password", "s3cret-enough"}, false, nullptr, "s3cret-enough"},
+        {{"--bind", "10.1.2.3", "--password-file", good}, false, nullptr, "from-file-pw"},
+        {{"--password-file", open}, false, "chmod 600", nullptr},
+        {{"--password-file", dir + "/missing"}, false, "cannot read", nullptr},
+        {{"--bind", "10.1.2.3"}, true, "--allow-root", nullptr},
+        {{"--bind", "10.1.2.3", "--allow-root"}, true, nullptr, nullptr},
+    };
+    for (const Case& c : cases) {
+        const std::string label = c.args.join(' ').toStdString() + (c.root ? " as root" : "");
+        auto o = parse(c.args);
+        ASSERT_TRUE(o) << label;
+        bool generated = false;
+        QString error;
+        const bool ok = o->settle(c.root, &generated, &error);
+        if (c.refusal) {
+            EXPECT_FALSE(ok) << label;
+            EXPECT_TRUE(error.contains(QString::fromUtf8(c.refusal))) << label << ": " << error.toStdString();
+            EXPECT_FALSE(error.contains('\n')) << "one line";
+            continue;
+        }
+        EXPECT_TRUE(ok) << label << ": " << error.toStdString();
+        EXPECT_EQ(generated, c.password == nullptr) << label;
+        if (c.password) EXPECT_EQ(o->password, QString::fromUtf8(c.password)) << label;
+        else EXPECT_GE(o->password.size(), 20) << label;
+    }
+    EXPECT_NE(randomPassword(), randomPassword());
+    QString error;
+    EXPECT_FALSE(parse({"--password", "a", "--password-file", good}, &error));
+    EXPECT_TRUE(error.contains("only one")) << error.toStdString();
+}
+
+TEST(AttemptLimiter, AddressesWaitDoublingAndAllTogetherShareOneRate) {
+    using namespace std::chrono_literals;
+    AttemptLimiter::Policy policy;
+    policy.freeFailures = 3;
+    policy.firstWait = 1000ms;
+    policy.maxWait = 4000ms;
+    policy.globalPerMinute = 6;
+    AttemptLimiter limiter(policy);
+    const auto t0 = AttemptLimiter::Clock::now();
+    const QHostAddress a("192.0.2.1"), b("192.0.2.2");
+
+    // Two free failures, then waits of 1, 2, 4, 4 s.
+    auto t = t0;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(limiter.check(a, t));
+        limiter.failed(a, t);
+    }
+    for (const auto wait : {1000ms, 2000ms, 4000ms}) {
+        ASSERT_TRUE(limiter.check(a, t));
+        limiter.failed(a, t);
+        const auto refused = limiter.check(a, t + wait - 10ms);
+        EXPECT_EQ(refused.verdict, AttemptLimiter::Verdict::addressWaiting) << wait.count();
+        EXPECT_LE(refused.retryAfter, 11ms) << wait.count();
+        EXPECT_TRUE(limiter.check(a, t + wait)) << wait.count();
+        t += wait + 10s;  // the bucket refills meanwhile
+    }
+    EXPECT_TRUE(limiter.check(b, t)) << "another address is not held up";
+    limiter.succeeded(a);
+    EXPECT_TRUE(limiter.check(a, t));
+
+    // Many addresses together: six failures empty the bucket, then everybody waits for a refill.
+    AttemptLimiter shared(policy);
+    for (int i = 0; i < 6; ++i) {
+        const QHostAddress from(QStringLiteral("198.51.100.%1").arg(i + 1));
+        ASSERT_TRUE(shared.check(from, t0)) << i;
+        shared.failed(from, t0);
+    }
+    const auto busy = shared.check(QHostAddress("203.0.113.9"), t0);
+    EXPECT_EQ(busy.verdict, AttemptLimiter::Verdict::busy);
+    EXPECT_TRUE(busy.log) << "the first refusal of an interval is logged";
+    EXPECT_FALSE(shared.check(QHostAddress("203.0.113.9"), t0 + 1s).log) << "later ones only counted";
+    EXPECT_TRUE(shared.check(QHostAddress("203.0.113.9"), t0 + 10s)) << "one more per 10 s at 6 a minute";
+
+    // IPv6 addresses of one /64 count together.
+    EXPECT_EQ(AttemptLimiter::sourceKey(QHostAddress("2001:db8:1:2::5")),
+              AttemptLimiter::sourceKey(QHostAddress("2001:db8:1:2:ffff::1")));
+    EXPECT_EQ(AttemptLimiter::sourceKey(QHostAddress("::ffff:192.0.2.1")), "192.0.2.1");
+}
+
+TEST(LogText, ControlCharactersAreEscapedAndLongTextCut) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain nick", "plain nick"},
+        {"\x1b]0;owned\x07", "\\x1b]0;owned\\x07"},
+        {"two\nlines\r", "two\\x0alines\\x0d"},
+        {"quote\" back\\", "quote\\\" back\\\\"},
+        {"\u202eevil", "\\u{202e}evil"},
+        {"\xc2\x9b" "31m", "\\x9b31m"},
+        {"中文昵称", "中文昵称"},
+        {std::string(100, 'a'), std::string(64, 'a') + "..."},
+    };
+    for (const auto& [in, want] : cases) EXPECT_EQ(ostv::server::logSafe(in), want) << in;
+}
+
+// A shell sees the user's own variables, none of the server's.
+TEST(PtyProcess, ShellsGetACleanEnvironment) {
+    const char* secrets[] = {"SSH_AUTH_SOCK", "DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "SUDO_USER", "OSTV_TEST_SECRET"};
+    for (const char* name : secrets) qputenv(name, "leaked-value");
+    PtyProcess::Options o;
+    o.shell = QStringLiteral("/bin/sh");
+    o.cwd = QDir::tempPath();
+    o.extraEnv = {QStringLiteral("OSTV_EXTRA=given")};
+    QString error;
+    auto p = PtyProcess::start(o, &error);
+    for (const char* name : secrets) qunsetenv(name);
+    ASSERT_TRUE(p) << error.toStdString();
+    std::string out;
+    bool ended = false;
+    p->onOutput = [&](std::string_view b) { out.append(b); };
+    p->onExit = [&] { ended = true; };
+    p->write("env; exit\n");
+    ASSERT_TRUE(ostv::test::waitUntil([&] { return ended; }, 10000)) << out;
+    EXPECT_EQ(out.find("leaked-value"), std::string::npos) << out;
+    for (const char* want : {"HOME=", "USER=", "LOGNAME=", "SHELL=/bin/sh", "PATH=", "TERM=xterm-256color",
+                             "OSTV_EXTRA=given"})
+        EXPECT_NE(out.find(want), std::string::npos) << want << " in\n" << out;
 }
 
 TEST(SystemLoad, ProcStatAndMeminfo) {

@@ -9,10 +9,12 @@
 #include <QNetworkRequest>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QSysInfo>
 #include <gtest/gtest.h>
 #include <set>
 #include <csignal>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "LocalServer.h"
 #include "TestSupport.h"
@@ -48,8 +50,17 @@ QByteArray loginBody(const QString& user, const QString& password) {
 }
 
 TEST(ServerProgram, PrintsWhereItListensAndEveryAgentAndKeepsThemOnRestart) {
-    LocalServer server({"--agents", "3", "--code", "123456"});
+    const QString state = ostv::test::makeTempDir(QStringLiteral("state")) + "/relay";
+    LocalServer server({"--agents", "3", "--code", "123456", "--state-dir", state});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+    auto readCert = [&] {
+        QFile f(state + "/relay-cert.pem");
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    };
+    const QByteArray cert = readCert();
+    EXPECT_TRUE(cert.startsWith("-----BEGIN CERTIFICATE-----")) << "the relay keeps its certificate";
+    EXPECT_EQ(QFile(state + "/relay-key.pem").permissions() & ~(QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser),
+              QFile::Permissions()) << "its key is the owner's alone";
     EXPECT_EQ(server.host(), "127.0.0.1");
     EXPECT_NE(server.quicPort(), 0);
     EXPECT_NE(server.adminPort(), 0);
@@ -65,10 +76,19 @@ TEST(ServerProgram, PrintsWhereItListensAndEveryAgentAndKeepsThemOnRestart) {
     }
     EXPECT_EQ(codes.size(), 3u);
     EXPECT_EQ(ids.size(), 3u);
+    // Printed in the order the client lists them (by machine id), numbered in that order, named after
+    // this machine.
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(server.agents()[i].hostname, QSysInfo::machineHostName() + "#" + QString::number(i + 1));
+        if (i > 0) {
+            EXPECT_LT(server.agents()[i - 1].machineId, server.agents()[i].machineId);
+        }
+    }
     const auto before = server.agents();
     const quint16 quic = server.quicPort(), admin = server.adminPort();
 
     ASSERT_TRUE(server.restart()) << server.errorString().toStdString();
+    EXPECT_EQ(readCert(), cert) << "the same certificate after a restart";
     EXPECT_EQ(server.quicPort(), quic);
     EXPECT_EQ(server.adminPort(), admin);
     ASSERT_EQ(server.agents().size(), 3u);
@@ -137,10 +157,54 @@ TEST(ServerProgram, ExitWithParentEndsTheServerWithTheProcessThatStartedIt) {
     }
 }
 
+// As root on an address other than loopback (one inside a network namespace of this test), the
+// server refuses in one line without --allow-root; with it, it makes and prints a random password.
+TEST(ServerProgram, AsRootBeyondLoopbackItRefusesWithoutAllowRoot) {
+    if (::geteuid() != 0) GTEST_SKIP() << "not root: the refusal for root cannot be shown";
+    const QString ns = QStringLiteral("ostv-hardening-%1").arg(::getpid());
+    auto ip = [](const QStringList& args) {
+        QProcess p;
+        p.start(QStringLiteral("ip"), args);
+        return p.waitForFinished(10000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+    };
+    if (!ip({"netns", "add", ns})) GTEST_SKIP() << "network namespaces are refused here";
+    struct Remove {
+        QString ns;
+        ~Remove() { QProcess::execute(QStringLiteral("ip"), {"netns", "delete", ns}); }
+    } remove{ns};
+    ASSERT_TRUE(ip({"netns", "exec", ns, "ip", "link", "set", "lo", "up"}));
+    ASSERT_TRUE(ip({"netns", "exec", ns, "ip", "addr", "add", "10.99.0.1/32", "dev", "lo"}));
+    const QStringList base = {"netns", "exec", ns, qEnvironmentVariable("OSTV_SERVER_BIN"), "--bind", "10.99.0.1",
+                              "--quic-port", "0", "--admin-port", "0", "--exit-with-parent"};
+
+    QProcess refused;
+    refused.setProcessChannelMode(QProcess::MergedChannels);
+    refused.start(QStringLiteral("ip"), base);
+    ASSERT_TRUE(refused.waitForFinished(10000));
+    EXPECT_EQ(refused.exitCode(), 1);
+    const QString said = QString::fromLocal8Bit(refused.readAll()).trimmed();
+    EXPECT_FALSE(said.contains('\n')) << said.toStdString();
+    EXPECT_TRUE(said.contains("root") && said.contains("--allow-root")) << said.toStdString();
+
+    QProcess allowed;
+    allowed.setProcessChannelMode(QProcess::MergedChannels);
+    allowed.start(QStringLiteral("ip"), base + QStringList{"--allow-root"});
+    QByteArray out;
+    EXPECT_TRUE(waitUntil([&] {
+        out += allowed.readAll();
+        return out.contains("ostvarren-server: ready") || allowed.state() == QProcess::NotRunning;
+    }, 15000));
+    EXPECT_TRUE(out.contains("ostvarren-server: ready")) << out.toStdString();
+    EXPECT_TRUE(QRegularExpression("admin password [A-Za-z0-9]{20} ").match(QString::fromLatin1(out)).hasMatch())
+        << out.toStdString();
+    allowed.terminate();
+    EXPECT_TRUE(allowed.waitForFinished(10000));
+}
+
 // The program's own admin credentials, and its agents as the list shows them (the request handling
 // itself is tested on the admin API alone).
 TEST(AdminApi, SignInWithTheGivenCredentialsThenTheAgentList) {
-    LocalServer server({"--agents", "2", "--code", "654321", "--user", "ops", "--password", "s3cret"});
+    LocalServer server({"--agents", "2", "--code", "654321", "--user", "ops", "--password", "s3cret", "--name", "lab box"});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     const QString agentsUrl = server.adminUrl() + "/admin/agents";
     const QString loginUrl = server.adminUrl() + "/admin/login";
@@ -163,6 +227,8 @@ TEST(AdminApi, SignInWithTheGivenCredentialsThenTheAgentList) {
         EXPECT_EQ(a["code"].toString(), server.agents()[static_cast<size_t>(i)].code);
         EXPECT_EQ(a["machine_id"].toString(), server.agents()[static_cast<size_t>(i)].machineId);
         EXPECT_EQ(a["os"].toString(), "linux");
+        EXPECT_EQ(a["hostname"].toString(), QStringLiteral("lab box#%1").arg(i + 1));
+        EXPECT_EQ(a["hostname"].toString(), server.agents()[static_cast<size_t>(i)].hostname);
         EXPECT_TRUE(a["controller_count"].isDouble());
         EXPECT_EQ(a["controller_count"].toInt(-1), 0);
         EXPECT_GE(a["cpu"].toDouble(-1), 0.0);

@@ -23,7 +23,6 @@ namespace ostv::test {
 namespace {
 
 constexpr size_t kOutputCap = 1024 * 1024;
-const std::string kPrefix = "ostvarren-server: ";
 
 bool hasOption(const QStringList& args, const QString& name) {
     for (const QString& a : args)
@@ -33,7 +32,7 @@ bool hasOption(const QStringList& args, const QString& name) {
 
 }  // namespace
 
-LocalServer::LocalServer(QStringList args) : args_(std::move(args)) {}
+LocalServer::LocalServer(QStringList args, Program program) : args_(std::move(args)), program_(program) {}
 
 LocalServer::~LocalServer() {
     stop();
@@ -71,20 +70,23 @@ bool LocalServer::isRunning() const {
 bool LocalServer::start(int timeoutMs) {
     if (pid_ > 0) stop();
     error_.clear();
-    const QByteArray bin = qgetenv("OSTV_SERVER_BIN");
+    const char* binVar = program_ == Program::agent ? "OSTV_AGENT_BIN" : "OSTV_SERVER_BIN";
+    const QByteArray bin = qgetenv(binVar);
     if (bin.isEmpty()) {
-        error_ = QStringLiteral("OSTV_SERVER_BIN is not set");
+        error_ = QString::fromLatin1(binVar) + QStringLiteral(" is not set");
         return false;
     }
 
     QStringList args = started_ ? restartArgs_ : args_;
     // A test that dies (a sanitizer's abort, a crash) takes its server and the server's shells with it.
     if (!args.contains(QStringLiteral("--exit-with-parent"))) args << QStringLiteral("--exit-with-parent");
-    if (!started_) {
+    if (!started_ && program_ == Program::server) {
         if (!hasOption(args, "--quic-port")) args << "--quic-port" << "0";
         if (!hasOption(args, "--admin-port")) args << "--admin-port" << "0";
     }
-    std::vector<std::string> argStore{bin.toStdString()};
+    std::vector<std::string> argStore;
+    for (const QString& a : launcher_) argStore.push_back(a.toStdString());
+    argStore.push_back(bin.toStdString());
     for (const QString& a : args) argStore.push_back(a.toStdString());
     std::vector<char*> argv;
     for (auto& s : argStore) argv.push_back(s.data());
@@ -147,7 +149,10 @@ bool LocalServer::start(int timeoutMs) {
     std::unique_lock lock(mutex_);
     bool ok = cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return ready_ || eof_; }) && ready_;
     if (ok) {
-        if (!started_) {
+        if (!started_ && program_ == Program::agent) {
+            restartArgs_ = args_;
+            started_ = true;
+        } else if (!started_) {
             // Later starts come back on the same ports with the same codes.
             restartArgs_ = args_;
             auto drop = [&](const QString& name) {
@@ -245,6 +250,7 @@ void LocalServer::readerLoop(int fd) {
 
 // Called with mutex_ held.
 void LocalServer::parseLine(const std::string& line) {
+    const std::string kPrefix = program_ == Program::agent ? "ostvarren-agent: " : "ostvarren-server: ";
     if (line.rfind(kPrefix, 0) != 0) return;
     const QString rest = QString::fromStdString(line.substr(kPrefix.size()));
     const QStringList w = rest.split(' ', Qt::SkipEmptyParts);
@@ -265,7 +271,9 @@ void LocalServer::parseLine(const std::string& line) {
         for (int i = 4; i + 1 < w.size(); i += 2) {
             if (w[i] == "machine_id") a.machineId = w[i + 1];
             if (w[i] == "os") a.os = w[i + 1];
+            if (w[i] == "hostname") break;  // the rest of the line, blanks included
         }
+        if (const qsizetype at = rest.indexOf(" hostname "); at >= 0) a.hostname = rest.mid(at + 10);
         agents_.push_back(a);
     }
 }

@@ -2,7 +2,8 @@
 // Starts the project's own server program (the binary named by OSTV_SERVER_BIN) for a test: waits
 // for its "ready" line, reads the ports and pairing codes it prints, keeps draining its output, and
 // stops it with SIGTERM when asked or when destroyed. A stopped server can be started again on the
-// same ports with the same codes (for tests of a server that goes away and comes back).
+// same ports with the same codes (for tests of a server that goes away and comes back). The agent
+// program (OSTV_AGENT_BIN) is driven the same way: it prints its code and "ready" alike.
 #include <QString>
 #include <QStringList>
 #include <condition_variable>
@@ -22,11 +23,13 @@ public:
         QString code;
         QString machineId;
         QString os;
+        QString hostname;
     };
 
     // Extra arguments for the program; unless they say otherwise the ports are "--quic-port 0
     // --admin-port 0" (any free port). Nothing is started yet.
-    explicit LocalServer(QStringList args = {});
+    enum class Program { server, agent };
+    explicit LocalServer(QStringList args = {}, Program program = Program::server);
     ~LocalServer();
     LocalServer(const LocalServer&) = delete;
     LocalServer& operator=(const LocalServer&) = delete;
@@ -34,6 +37,9 @@ public:
     // Sets (or overrides) one variable of the program's environment for every later start, e.g. HOME
     // for a private home folder; the rest is inherited from the test.
     void setEnv(const QString& name, const QString& value);
+    // A command that runs the program, e.g. {"/usr/sbin/ip", "netns", "exec", "name"} (it must exec
+    // the program in its own process, so that pid() stays the program's).
+    void setLauncher(QStringList launcher) { launcher_ = std::move(launcher); }
 
     // Starts the program and waits for "ready". The first start uses the given ports; every later
     // start uses the ports and codes of the first. False with errorString() on failure.
@@ -74,6 +80,8 @@ private:
 
     QStringList args_;
     QStringList restartArgs_;
+    Program program_ = Program::server;
+    QStringList launcher_;
     std::vector<std::pair<QString, QString>> env_;
     bool started_ = false;
     pid_t pid_ = -1;

@@ -29,13 +29,15 @@ void prepareEnvironment() {
     setenv("QTWEBENGINE_DISABLE_SANDBOX", "1", 0);
     setenv("QTWEBENGINE_CHROMIUM_FLAGS", "--disable-gpu --no-sandbox", 0);
     setenv("OSTV_SERVER_BIN", OSTV_SERVER_BIN_DEFAULT, 0);
+    setenv("OSTV_AGENT_BIN", OSTV_AGENT_BIN_DEFAULT, 0);
     setenv("OSTV_SOURCE_DIR", OSTV_SOURCE_DIR_DEFAULT, 0);
     const QString home = QStringLiteral(OSTV_TEST_HOME) + "/p" + QString::number(QCoreApplication::applicationPid());
-    for (const char* sub : {"config", "data", "cache", "runtime"}) QDir().mkpath(home + "/" + sub);
+    for (const char* sub : {"config", "data", "cache", "state", "runtime"}) QDir().mkpath(home + "/" + sub);
     QFile::setPermissions(home + "/runtime", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     setenv("XDG_CONFIG_HOME", (home + "/config").toLocal8Bit().constData(), 1);
     setenv("XDG_DATA_HOME", (home + "/data").toLocal8Bit().constData(), 1);
     setenv("XDG_CACHE_HOME", (home + "/cache").toLocal8Bit().constData(), 1);
+    setenv("XDG_STATE_HOME", (home + "/state").toLocal8Bit().constData(), 1);
     if (!getenv("XDG_RUNTIME_DIR")) setenv("XDG_RUNTIME_DIR", (home + "/runtime").toLocal8Bit().constData(), 1);
 }
 

@@ -2,12 +2,14 @@
 
 #include <QDateTime>
 #include <QHostAddress>
+#include <algorithm>
 #include <mutex>
 
 #include "MainThread.h"
 #include "QUICTransport.h"
 #include "QuicServer.h"
 #include "TestSupport.h"
+#include "UdpForwarder.h"
 
 using namespace ostv;
 using namespace ostv::server;
@@ -195,6 +197,41 @@ TEST(QuicTransport, LargeTransfersArriveWholeAndInOrderBothWays) {
     }
     ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
     EXPECT_TRUE(rec.text() == expected);
+}
+
+// No datagram is larger than the peer said it takes. The handshake goes in standard-sized datagrams (a
+// QUIC server on this machine that takes no more than that must still be reachable); after it, with our
+// own server advertising large datagrams, loopback traffic uses them.
+TEST(QuicTransport, DatagramsStayWithinWhatThePeerAdvertises) {
+    for (const size_t advertised : {size_t{NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE}, size_t{1350}}) {
+        SCOPED_TRACE(advertised);
+        EchoServer echo;
+        echo.server.maxUdpPayloadSize = advertised;
+        UdpForwarder path(echo.server.port());
+        ASSERT_TRUE(path.ok());
+        Recorder rec;
+        QUICTransport t("127.0.0.1", path.port(), QString("ctrl-8"));
+        ASSERT_TRUE(rec.connect(t));
+        std::string expected;
+        for (int i = 0; i < 16; ++i) {
+            const std::string line(30000, static_cast<char>('a' + i));
+            expected += "echo:" + line + "\n";
+            t.send(line);
+        }
+        ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
+        EXPECT_TRUE(rec.text() == expected);
+        const std::vector<size_t> fromClient = path.sizesFromClient(), fromServer = path.sizesFromServer();
+        ASSERT_FALSE(fromClient.empty());
+        ASSERT_FALSE(fromServer.empty());
+        EXPECT_GE(fromClient.front(), 1200u) << "an Initial is padded";
+        EXPECT_LE(fromClient.front(), 1452u);
+        EXPECT_LE(fromServer.front(), 1452u);
+        const size_t largest = *std::max_element(fromClient.begin(), fromClient.end());
+        EXPECT_LE(largest, advertised);
+        if (advertised > 1452) {
+            EXPECT_GT(largest, 1452u) << "loopback to our own server takes large datagrams";
+        }
+    }
 }
 
 TEST(QuicTransport, AnExpiredSelfSignedCertificateForAnotherNameIsAccepted) {

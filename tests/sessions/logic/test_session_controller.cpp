@@ -150,8 +150,8 @@ TEST_F(SessionControllerTest, TheSameDirectoryTwiceSwitchesAndSendsNothing) {
 TEST_F(SessionControllerTest, AListAskedForBeforeASessionWasCreatedKeepsItActive) {
     const int64_t id = openAndWaitForSetup("/home/u/late");
     c.didReceivePtyList({{9, "/home/u/other", "running", "c-x", "someone-else"}});  // without the new one
-    EXPECT_EQ(c.activeSessions.at(id), "/home/u/late");
-    EXPECT_EQ(c.activeSessions.at(9), "/home/u/other");
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{id, "/home/u/late"}}));
+    EXPECT_EQ(c.otherSessions.at("pty-9@someone-else").cwd, "/home/u/other");
     const size_t before = link.sent.size();
     c.allocateAndCreatePty("again", std::nullopt, std::nullopt, "/home/u/late");
     EXPECT_EQ(link.sent.size(), before);  // still one session for the folder
@@ -201,6 +201,7 @@ TEST_F(SessionControllerTest, ErrorClosesTheTabOrAbortsTheSetupAndShowsTheReason
     c.didReceivePtyError(shown, "boom");
     EXPECT_EQ(errors.shown, (QStringList{"no such directory", "boom"}));
     EXPECT_TRUE(terminal.tabs.isEmpty());
+    EXPECT_EQ(terminal.emptyState, "选择目录以启动终端");  // the only tab went: the placeholder shows
     EXPECT_TRUE(c.activeSessions.empty());
     EXPECT_TRUE(c.pendingSetup.empty());
 }
@@ -227,16 +228,17 @@ TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
     c.controllerNicknameHistory["ctrl-bob"] = "bob";
     c.pendingAutoCreate = true;
     c.didReceivePtyList({{4, "/home/u/proj", "running", "c-me", me.toStdString()},
-                         {2, "/", "running", "ctrl-bob", "OTHER"},
+                         {4, "/", "running", "ctrl-bob", "OTHER"},  // another client's 4, not ours
                          {7, "/tmp", "exited", "c-me", me.toStdString()},
                          {3, "/var/log", "running", "0123456789abcdef", "X"}});
     ASSERT_EQ(list.users.size(), 3);
     EXPECT_EQ(list.limit, 8);
     EXPECT_EQ(list.users[0], (User{"pty-4", "proj (alice)", "AL", true}));
-    EXPECT_EQ(list.users[1].name, "~ (bob)");
+    EXPECT_EQ(list.users[1], (User{"pty-4@OTHER", "~ (bob)", "BO", false}));
     EXPECT_EQ(list.users[2].name, "log (01234567)");
     EXPECT_EQ(list.users[2].avatar, "01");
-    EXPECT_EQ(c.activeSessions.size(), 3u);
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{4, "/home/u/proj"}}));
+    EXPECT_EQ(c.otherSessions.size(), 2u);
     EXPECT_EQ(terminal.tabs, QList<int64_t>{4});  // only our own running PTY gets a tab back
     EXPECT_TRUE(terminal.calls.contains("create 4 proj"));
     EXPECT_FALSE(c.pendingAutoCreate);
@@ -248,13 +250,15 @@ TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
 TEST_F(SessionControllerTest, FirstPairingWithoutOwnSessionsOpensOneInHome) {
     c.pendingAutoCreate = true;
     c.pendingEnvCommands = QString("export Z=\"9\"");
-    c.didReceivePtyList({});
+    c.didReceivePtyList({{1, "/srv", "running", "c-x", "someone-else"}});
     auto creates = link.ofType("CREATE_PTY");
     ASSERT_EQ(creates.size(), 1u);
     EXPECT_EQ(creates[0].cwd, "/home/u");
+    EXPECT_EQ(creates[0].ptyId, 2);  // clear of the number another client runs
     ASSERT_TRUE(waitUntil([&] { return !link.ofType("EXEC").empty(); }, 2000));
     EXPECT_EQ(*link.ofType("EXEC")[0].command, "export Z=\"9\" && clear && echo __OSTVARREN_READY__");
-    EXPECT_EQ(c.pendingSetup.at(1).title, "终端");
+    EXPECT_EQ(c.pendingSetup.at(2).title, "终端");
+    EXPECT_FALSE(c.pendingEnvCommands);  // the first session's only
     // Without the flag a list only refreshes rows.
     c.didReceivePtyList({});
     EXPECT_EQ(link.ofType("CREATE_PTY").size(), 1u);

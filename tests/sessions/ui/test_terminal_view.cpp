@@ -195,6 +195,49 @@ TEST_F(TerminalViewTest, FloodPausesTheLinkUntilThePageCatchesUp) {
     EXPECT_FALSE(link.paused);
 }
 
+// A hidden tab's output waits (in this view and in the page) while the shown tab's goes first. Shown
+// again, a tab has all of it, in order, before anything newer; a tab masked while hidden still shows
+// what came before its mask.
+TEST_F(TerminalViewTest, AHiddenTabsOutputIsCompleteAndInOrderWhenShown) {
+    waitReady();
+    tabs({1, 2, 3});  // 3 is shown
+    QStringList expected;
+    for (int i = 0; i < 8000; ++i) {
+        expected << QStringLiteral("line %1 ").arg(i, 5, 10, QChar('0')) + QString(10 + i % 37, QChar('a' + i % 26));
+        view->writeOutput(b64((expected.last() + "\r\n").toUtf8()), 1);
+        if (i % 100 == 0) view->writeOutput(b64("tick\r\n"), 3);
+    }
+    view->writeOutput(b64("last words"), 2);
+    EXPECT_GT(view->heldBytes(), 0);  // more than the page takes of hidden tabs at once
+    view->maskTab(2, "会话已终止 (exit 0)");
+    view->switchTab(1);
+    view->writeOutput(b64("after the switch"), 1);
+    expected << "after the switch";
+    ASSERT_TRUE(pageShows(1, "after the switch", 30000));
+    EXPECT_EQ(pageText(1), expected.join('\n'));
+    EXPECT_TRUE(pageShows(2, "last words"));
+    EXPECT_EQ(view->heldBytes(), 0);
+}
+
+// The shown tab floods without a break: a hidden tab's output still gets written meanwhile.
+TEST_F(TerminalViewTest, AFloodInTheShownTabDoesNotStarveAHiddenOne) {
+    waitReady();
+    tabs({1, 2});  // 2 is shown
+    const std::string chunk = b64(QByteArray(16 * 1024, 'y').replace(80, 2, "\r\n"));
+    QTimer flood;
+    QObject::connect(&flood, &QTimer::timeout, [&] {
+        if (!view->receivePaused()) view->writeOutput(chunk, 2);
+    });
+    flood.start(1);
+    spin(300);
+    view->writeOutput(b64("hidden news"), 1);
+    const bool written = pageShows(1, "hidden news", 3000);  // far more than a turn takes, far less than the flood lasts
+    const int64_t shownBusy = view->unacknowledgedBytes();
+    flood.stop();
+    EXPECT_TRUE(written);
+    EXPECT_GT(shownBusy, 0) << "the shown tab was not flooding any more";
+}
+
 TEST_F(TerminalViewTest, EveryByteHandedOverIsAcknowledgedExactly) {
     // Echoes are one or two bytes: their base64 ends in padding. Counting them by their text length
     // would leave a remainder per chunk that piles up until the link pauses for good.

@@ -1,0 +1,314 @@
+// Agents on other machines: the relay, two agent programs and the client each on a network stack of
+// their own (namespaces this test makes and removes), the client speaking to the relay only.
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QElapsedTimer>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "LocalServer.h"
+#include "RelayController.h"
+#include "TestSupport.h"
+
+using namespace ostv;
+using ostv::test::Controller;
+using ostv::test::LocalServer;
+using ostv::test::waitUntil;
+
+namespace {
+
+// Network namespaces named after this process: 0 is the relay's, every other one is linked to it by a
+// veth pair (the relay side 10.250.N.1, the other side 10.250.N.2). Removed when this goes.
+class NetworkStacks {
+public:
+    ~NetworkStacks() {
+        for (const QString& n : made_) ip({"netns", "del", n});
+    }
+
+    bool create(int leaves, QString* error) {
+        ip_ = QStandardPaths::findExecutable(QStringLiteral("ip"), {"/usr/sbin", "/sbin", "/usr/bin", "/bin"});
+        if (ip_.isEmpty()) return fail(error, QStringLiteral("no ip command"));
+        for (int i = 0; i <= leaves; ++i) {
+            const QString n = name(i);
+            if (!ip({"netns", "add", n}, error)) return false;
+            made_ << n;
+            if (!ip({"-n", n, "link", "set", "lo", "up"}, error)) return false;
+        }
+        for (int i = 1; i <= leaves; ++i) {
+            const QString link = QStringLiteral("l%1").arg(i);
+            const QString net = QStringLiteral("10.250.%1.").arg(i);
+            if (!ip({"-n", name(0), "link", "add", link, "type", "veth", "peer", "name", "up0", "netns", name(i)}, error) ||
+                !ip({"-n", name(0), "addr", "add", net + "1/24", "dev", link}, error) ||
+                !ip({"-n", name(0), "link", "set", link, "up"}, error) ||
+                !ip({"-n", name(i), "addr", "add", net + "2/24", "dev", "up0"}, error) ||
+                !ip({"-n", name(i), "link", "set", "up0", "up"}, error))
+                return false;
+        }
+        return true;
+    }
+
+    QString name(int i) const { return QStringLiteral("ostv-ra-%1-%2").arg(::getpid()).arg(i); }
+    // Where leaf `i` reaches the relay.
+    static QString relayAddress(int i) { return QStringLiteral("10.250.%1.1").arg(i); }
+    QStringList launcher(int i) const { return {ip_, "netns", "exec", name(i)}; }
+
+    // Moves the calling thread (and the threads it starts from now on) into namespace i.
+    bool enter(int i) {
+        const int fd = ::open(QFile::encodeName("/run/netns/" + name(i)).constData(), O_RDONLY | O_CLOEXEC);
+        const bool ok = fd >= 0 && ::setns(fd, CLONE_NEWNET) == 0;
+        if (fd >= 0) ::close(fd);
+        return ok;
+    }
+
+private:
+    static bool fail(QString* error, const QString& why) {
+        if (error) *error = why;
+        return false;
+    }
+    bool ip(const QStringList& args, QString* error = nullptr) {
+        QProcess p;
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start(ip_, args);
+        const bool ok = p.waitForFinished(10000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+        if (!ok) fail(error, "ip " + args.join(' ') + ": " + QString::fromLocal8Bit(p.readAll()).trimmed());
+        return ok;
+    }
+
+    QString ip_;
+    QStringList made_;
+};
+
+QJsonDocument httpJson(const QByteArray& verb, const QString& url, const QByteArray& body = {},
+                       const QByteArray& bearer = {}) {
+    static QNetworkAccessManager* nam = new QNetworkAccessManager();
+    QNetworkRequest req{QUrl(url)};
+    req.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
+    if (!bearer.isEmpty()) req.setRawHeader("Authorization", "Bearer " + bearer);
+    QNetworkReply* reply = nam->sendCustomRequest(req, verb, body);
+    EXPECT_TRUE(waitUntil([&] { return reply->isFinished(); }, 10000)) << url.toStdString();
+    const QJsonDocument doc = QJsonDocument::fromJson(reply->readAll());
+    reply->deleteLater();
+    return doc;
+}
+
+// The relay in namespace 0, the client in 1, agents in 2 and up, each with its own folder.
+class RemoteAgents : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QString error;
+        if (!stacks.create(4, &error)) GTEST_SKIP() << "network namespaces refused: " << error.toStdString();
+        ASSERT_TRUE(stacks.enter(1));
+        secretFile = dir.filePath("relay/agent-secret");
+        relay = std::make_unique<LocalServer>(QStringList{"--agents", "0", "--bind", "0.0.0.0", "--user", "admin",
+                                                          "--password", "pw", "--agent-secret-file", secretFile});
+        relay->setLauncher(stacks.launcher(0));
+        ASSERT_TRUE(relay->start()) << relay->errorString().toStdString();
+        EXPECT_TRUE(relay->waitForOutput("agent secret made in " + secretFile.toStdString(), 100));
+        struct stat st {};
+        ASSERT_EQ(::stat(QFile::encodeName(secretFile).constData(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0600u);
+        adminUrl = QStringLiteral("http://%1:%2").arg(NetworkStacks::relayAddress(1)).arg(relay->adminPort());
+        login();
+        ASSERT_FALSE(token.isEmpty());
+    }
+
+    void login() {
+        token = httpJson("POST", adminUrl + "/admin/login", R"({"username":"admin","password":"pw"})")["token"]
+                    .toString()
+                    .toUtf8();
+    }
+
+    // An agent program in namespace `ns` under machine id `id`, its state in its own folder.
+    std::unique_ptr<LocalServer> agent(int ns, const QString& id, const QString& secret, QStringList extra = {}) {
+        QDir(dir.path()).mkpath(id + "/home");
+        const QString state = dir.filePath(id + "/state");
+        QStringList args{"--relay", NetworkStacks::relayAddress(ns) + ":" + QString::number(relay->quicPort()),
+                         "--secret-file", secret, "--state-dir", state, "--machine-id", id, "--shell", "/bin/sh"};
+        auto a = std::make_unique<LocalServer>(args + extra, LocalServer::Program::agent);
+        a->setLauncher(stacks.launcher(ns));
+        a->setEnv("HOME", dir.filePath(id + "/home"));
+        return a;
+    }
+
+    QJsonArray listed() { return httpJson("GET", adminUrl + "/admin/agents", {}, token).array(); }
+    // The row of the agent with this machine id, as many times as it is listed.
+    std::vector<QJsonObject> rows(const QString& machineId) {
+        std::vector<QJsonObject> out;
+        for (const QJsonValue& v : listed())
+            if (v["machine_id"].toString() == machineId) out.push_back(v.toObject());
+        return out;
+    }
+    bool waitListed(const QString& machineId, int controllers, int ms) {
+        return waitUntil(
+            [&] {
+                auto r = rows(machineId);
+                return r.size() == 1 && r[0]["controller_count"].toInt() == controllers;
+            },
+            ms);
+    }
+    std::unique_ptr<Controller> pairWith(const QString& code, const std::string& nickname) {
+        auto c = std::make_unique<Controller>(NetworkStacks::relayAddress(1), relay->quicPort(), code);
+        if (!c->connect() || c->pair(code.toStdString(), nickname).empty()) return nullptr;
+        return c;
+    }
+
+    NetworkStacks stacks;
+    QTemporaryDir dir;
+    QString secretFile;
+    std::unique_ptr<LocalServer> relay;
+    QString adminUrl;
+    QByteArray token;
+};
+
+TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
+    auto a1 = agent(2, "m-one", secretFile);
+    auto a2 = agent(3, "m-two", secretFile, {"--code", "424242", "--limit", "1"});
+    ASSERT_TRUE(a1->start()) << a1->errorString().toStdString();
+    ASSERT_TRUE(a2->start()) << a2->errorString().toStdString();
+    ASSERT_TRUE(a1->waitForOutput("registered with the relay", 10000)) << a1->output();
+    ASSERT_TRUE(a2->waitForOutput("registered with the relay", 10000)) << a2->output();
+    EXPECT_EQ(a2->code(), "424242");
+    ASSERT_TRUE(waitListed("m-one", 0, 5000) && waitListed("m-two", 0, 5000));
+    // The load is the agent machine's own, reported over its link.
+    EXPECT_TRUE(waitUntil([&] { return rows("m-one").size() == 1 && rows("m-one")[0]["mem"].toDouble() > 0; }, 5000));
+    EXPECT_EQ(rows("m-two")[0]["code"].toString(), "424242");
+    EXPECT_EQ(rows("m-two")[0]["os"].toString(), "linux");
+
+    // Paired by code, each controller types into a real shell on its agent.
+    struct Seat {
+        LocalServer* agent;
+        QString machineId;
+        std::unique_ptr<Controller> c;
+    } seats[] = {{a1.get(), "m-one", nullptr}, {a2.get(), "m-two", nullptr}};
+    for (Seat& s : seats) {
+        const size_t from = 0;
+        s.c = pairWith(s.agent->code(), "tester");
+        ASSERT_TRUE(s.c) << s.machineId.toStdString();
+        auto paired = s.c->waitFor("paired", from);
+        ASSERT_TRUE(paired);
+        EXPECT_EQ(paired->machineId.value_or(""), s.machineId.toStdString());
+        s.c->send(test::create(1, "client-" + s.machineId.toStdString()));
+        s.c->send(test::input(1, "echo $((6*7))-ok\n"));
+        EXPECT_TRUE(s.c->waitOutput(1, "42-")) << s.c->output(1);
+        EXPECT_TRUE(waitListed(s.machineId, 1, 5000));
+    }
+
+    // The second agent takes one controller: another one takes that seat over, and its shell with it.
+    auto taker = std::make_unique<Controller>(NetworkStacks::relayAddress(1), relay->quicPort(), a2->code());
+    ASSERT_TRUE(taker->connect());
+    Message pair("pair");
+    pair.code = a2->code().toStdString();
+    pair.nickname = "taker";
+    taker->send(pair);
+    auto list = taker->waitFor("controller_list");
+    ASSERT_TRUE(list && list->controllers && list->controllers->size() == 1u);
+    Message take("takeover");
+    take.targetControllerId = list->controllers->front().id;
+    taker->send(take);
+    ASSERT_TRUE(taker->waitFor("paired"));
+    EXPECT_TRUE(seats[1].c->waitFor("kicked"));
+    EXPECT_TRUE(seats[1].c->waitClosedByServer(5000));
+    taker->send(test::input(1, "echo taken-$((2*21))\n"));
+    EXPECT_TRUE(taker->waitOutput(1, "taken-42")) << taker->output(1);
+
+    // A wrong secret, and a code another machine holds, are refused with the reason said on both sides.
+    QFile wrong(dir.filePath("wrong-secret"));
+    ASSERT_TRUE(wrong.open(QIODevice::WriteOnly) && wrong.write("not-the-secret\n") > 0);
+    wrong.close();
+    struct Refusal {
+        QString secret;
+        QStringList extra;
+        const char* reason;
+    } refusals[] = {{wrong.fileName(), {}, "wrong agent secret"},
+                    {secretFile, {"--code", "424242"}, "already taken by another agent"}};
+    for (const Refusal& r : refusals) {
+        auto bad = agent(4, "m-bad", r.secret, r.extra);
+        ASSERT_TRUE(bad->start()) << bad->errorString().toStdString();
+        EXPECT_TRUE(bad->waitForOutput(r.reason, 10000)) << bad->output();
+        EXPECT_TRUE(relay->waitForOutput(r.reason, 5000));
+        EXPECT_TRUE(waitUntil([&] { return !bad->isRunning(); }, 5000));
+        const int status = bad->stop();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+    }
+    EXPECT_EQ(listed().size(), 2);
+    EXPECT_EQ(rows("m-two")[0]["controller_count"].toInt(), 1) << "the refused one did not disturb the holder";
+}
+
+TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
+    auto a1 = agent(2, "m-one", secretFile);
+    auto a2 = agent(3, "m-two", secretFile);
+    ASSERT_TRUE(a1->start() && a2->start());
+    ASSERT_TRUE(waitListed("m-one", 0, 10000) && waitListed("m-two", 0, 10000));
+
+    // Three controllers: two on the first agent, one on the second, each with a shell.
+    struct Seat {
+        LocalServer* agent;
+        std::string client;
+        std::unique_ptr<Controller> c;
+    } seats[] = {{a1.get(), "c1", nullptr}, {a1.get(), "c2", nullptr}, {a2.get(), "c3", nullptr}};
+    for (Seat& s : seats) {
+        s.c = pairWith(s.agent->code(), s.client);
+        ASSERT_TRUE(s.c) << s.client;
+        s.c->send(test::create(1, s.client));
+        s.c->send(test::input(1, "export MARK=" + s.client + "-kept\n"));
+        s.c->send(test::input(1, "echo ready-$MARK\n"));
+        ASSERT_TRUE(s.c->waitOutput(1, "ready-" + s.client + "-kept")) << s.client;
+    }
+
+    // The relay restarts under its agents: every agent dials back by itself and every controller
+    // finds its shell, still running, within 35 s.
+    QElapsedTimer clock;
+    clock.start();
+    ASSERT_TRUE(relay->restart()) << relay->errorString().toStdString();
+    login();
+    EXPECT_TRUE(waitListed("m-one", 0, 35000) && waitListed("m-two", 0, 35000));
+    for (Seat& s : seats) {
+        EXPECT_TRUE(s.c->waitClosedByServer(5000)) << s.client;
+        s.c = pairWith(s.agent->code(), s.client);
+        ASSERT_TRUE(s.c) << s.client;
+    }
+    EXPECT_LE(clock.elapsed(), 35000);
+    for (Seat& s : seats) {
+        const auto ptys = s.c->listPtys();
+        EXPECT_EQ(ptys.size(), s.client == "c3" ? 1u : 2u) << s.client;
+        s.c->send(test::create(1, s.client));  // refused: the client's shell 1 is running
+        EXPECT_TRUE(s.c->waitFor("PTY_ERROR")) << s.client;
+        const size_t from = s.c->mark();
+        s.c->send(test::input(1, "echo back-$MARK\n"));
+        EXPECT_TRUE(s.c->waitOutput(1, "back-" + s.client + "-kept", from)) << s.client;
+    }
+    EXPECT_TRUE(waitListed("m-one", 2, 5000));
+
+    // The second agent is killed and started again: its controller is told and let go, the agent comes
+    // back under the same code in a single row, and its shells are gone.
+    Controller& c3 = *seats[2].c;
+    const QString code = a2->code();
+    const size_t mark = c3.mark();
+    ::kill(a2->pid(), SIGKILL);
+    a2->stop();
+    ASSERT_TRUE(a2->start()) << a2->errorString().toStdString();
+    EXPECT_EQ(a2->code(), code);
+    auto error = c3.waitFor("error", mark, 20000);
+    ASSERT_TRUE(error);
+    EXPECT_FALSE(error->msg.value_or("").empty());
+    EXPECT_TRUE(c3.waitClosedByServer(5000));
+    EXPECT_TRUE(waitListed("m-two", 0, 10000));
+    auto again = pairWith(code, "c3");
+    ASSERT_TRUE(again);
+    EXPECT_TRUE(again->listPtys().empty());
+    EXPECT_EQ(listed().size(), 2);
+}
+
+}  // namespace
