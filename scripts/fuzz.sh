@@ -6,7 +6,7 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 seconds="${1:-20}"
 build="${OSTV_FUZZ_BUILD_DIR:-$root/build-fuzz}"
-CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DOSTV_FUZZ=ON -DOSTV_AREAS="core;admin;server" \
+CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DOSTV_FUZZ=ON -DOSTV_CLIENT=OFF \
   -DOSTV_BUILD_TESTS=OFF -DOSTV_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)" --target all >/dev/null
 export QT_QPA_PLATFORM=offscreen

@@ -94,7 +94,7 @@ protected:
 };
 
 TEST_F(AdminClientLocalServer, WarmUpThenLoginThenAgents) {
-    agents = {{"482913", "machine-1", "linux", 2, 37.2, 61.0}, {"100200", "machine-2", "windows", 0, 0.0, 0.0, "box-2"}};
+    agents = {{"482913", "machine-1", "linux", 2, 37.2, 61.0, ""}, {"100200", "machine-2", "windows", 0, 0.0, 0.0, "box-2"}};
     AdminAPIClient client;
     StdoutCapture log;
 

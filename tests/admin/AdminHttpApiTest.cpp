@@ -81,7 +81,7 @@ TEST_F(AdminHttpApiTest, SignIn) {
 
 TEST_F(AdminHttpApiTest, AgentListNeedsAValidToken) {
     api.setAgentSource([] {
-        return std::vector<AgentSummary>{{"482913", "m-1", "linux", 3, 12.5, 40.25},
+        return std::vector<AgentSummary>{{"482913", "m-1", "linux", 3, 12.5, 40.25, ""},
                                          {"100200", "m-2", "darwin", 0, 0, 0, "lab-mac"}};
     });
     const QByteArray token = login();
