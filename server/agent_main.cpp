@@ -11,6 +11,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "LogText.h"
 #include "Logger.h"
 #include "agent/PtyProcess.h"
 #include "agent/SystemLoad.h"
@@ -58,6 +59,7 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    if (!opt.mayRunAs(::geteuid() == 0, &error)) return fail(error);
     auto secret = readSecretFile(opt.secretFile, &error);
     if (!secret) return fail(error);
     std::optional<std::string> code = opt.code.isEmpty() ? keptPairingCode(opt.stateDir, &error) : opt.code.toStdString();
@@ -92,7 +94,7 @@ int main(int argc, char** argv) {
     o.host = opt.relayHost.toStdString();
     o.port = static_cast<uint16_t>(opt.relayPort);
     o.secret = *secret;
-    o.hostname = QHostInfo::localHostName().toStdString();
+    o.hostname = (opt.name.isEmpty() ? QHostInfo::localHostName() : opt.name).toStdString();
     o.agent.index = 1;
     o.agent.code = *code;
     o.agent.machineId = *machineId;
@@ -105,7 +107,7 @@ int main(int argc, char** argv) {
     int rc = 0;
     client.onRegistered = [&] { say("registered with the relay"); };
     client.onDisconnected = [&](const std::string& why, int retryMs) {
-        say("relay not connected (" + why + "); next attempt in " + std::to_string(retryMs) + " ms");
+        say("relay not connected (" + logSafe(why, 200) + "); next attempt in " + std::to_string(retryMs) + " ms");
     };
     client.onRefused = [&](const std::string& why) {
         std::fprintf(stderr, "ostvarren-agent: %s\n", why.c_str());
@@ -114,7 +116,9 @@ int main(int argc, char** argv) {
     };
 
     const std::string relay = (opt.relayHost.contains(':') ? "[" + o.host + "]" : o.host) + ":" + std::to_string(o.port);
-    say("agent 1 code " + o.agent.code + " machine_id " + o.agent.machineId + " os " + o.agent.os);
+    // The one place the code is printed: the user needs it to pair.
+    say("agent 1 code " + o.agent.code + " machine_id " + o.agent.machineId + " os " + o.agent.os + " hostname " +
+        logSafe(o.hostname));
     say("relay " + relay);
     say("ready");
     client.start();

@@ -134,12 +134,8 @@ int main(int argc, char** argv) {
     });
 
     // The secret agents on other machines register with.
-    QString secretPath = opt.agentSecretFile;
-    if (secretPath.isEmpty()) {
-        const QByteArray xdg = qgetenv("XDG_STATE_HOME");
-        secretPath = (xdg.isEmpty() ? QDir::homePath() + "/.local/state" : QString::fromLocal8Bit(xdg)) +
-                     "/ostvarren-server/agent-secret";
-    }
+    const QString secretPath =
+        opt.agentSecretFile.isEmpty() ? opt.resolvedStateDir() + QStringLiteral("/agent-secret") : opt.agentSecretFile;
     bool secretMade = false;
     const auto agentSecret = readOrMakeSecretFile(secretPath, &secretMade, &error);
     if (!agentSecret) return fail(error);

@@ -156,15 +156,15 @@ void Agent::sendError(Seat& s, const std::string& text) {
     // A controller that keeps sending the same mistake does not get to flood the log.
     ++s.badRequests;
     if (s.badRequests <= 10 || s.badRequests % 1000 == 0)
-        Logger::error("agent " + config_.code + " controller " + s.id + ": bad request #" +
-                      std::to_string(s.badRequests) + ": " + text);
+        Logger::error(logName() + " controller " + s.id + ": bad request #" +
+                      std::to_string(s.badRequests) + ": " + logSafe(text, 200));
     Message m("error");
     m.msg = text;
     send(s, m);
 }
 
 void Agent::sendPtyError(Seat& s, int64_t ptyId, const std::string& reason) {
-    Logger::session("agent " + config_.code + " pty " + idText(ptyId) + " error: " + reason);
+    Logger::session(logName() + " pty " + idText(ptyId) + " error: " + logSafe(reason, 200));
     Message m("PTY_ERROR");
     m.ptyId = ptyId;
     m.reason = reason;
@@ -192,7 +192,7 @@ std::string Agent::admit(ControllerLink* link, const std::string& nickname, cons
     joined.id = seat.id;
     joined.nickname = nickname;
     broadcast(joined, seat.id);
-    Logger::connection("agent " + config_.code + ": controller " + seat.id + " (" + nickname + ") joined, " +
+    Logger::connection(logName() + ": controller " + seat.id + " (\"" + logSafe(nickname) + "\") joined, " +
                        std::to_string(seats_.size()) + "/" + std::to_string(config_.limit));
     return seat.id;
 }
@@ -209,7 +209,7 @@ bool Agent::kick(const std::string& controllerId, const std::string& by, std::st
     kicked.by = by;
     send(*s, kicked);
     if (s->link) s->link->close();
-    Logger::connection("agent " + config_.code + ": controller " + s->id + " kicked by " + by);
+    Logger::connection(logName() + ": controller " + s->id + " kicked by \"" + logSafe(by) + "\"");
 
     Message left("controller_left");
     left.id = s->id;
@@ -230,7 +230,7 @@ void Agent::release(const std::string& controllerId) {
     }
     for (auto& [key, p] : ptys_)
         std::erase_if(p->inputPaused, [&](const QPointer<ControllerLink>& l) { return !l || l == s->link; });
-    Logger::connection("agent " + config_.code + ": controller " + s->id + " left, " +
+    Logger::connection(logName() + ": controller " + s->id + " left, " +
                        std::to_string(seats_.size()) + "/" + std::to_string(config_.limit));
     Message left("controller_left");
     left.id = s->id;
@@ -255,8 +255,8 @@ void Agent::bind(Seat& s, const std::string& clientId) {
     if (s.clientId == clientId) return;
     const std::string previous = s.clientId;
     if (!previous.empty())
-        Logger::connection("agent " + config_.code + ": controller " + s.id + " now speaks for client " + clientId +
-                           " instead of " + previous);
+        Logger::connection(logName() + ": controller " + s.id + " now speaks for client " + logSafe(clientId) +
+                           " instead of " + logSafe(previous));
     s.clientId = clientId;
     if (!previous.empty()) forgetClientIfIdle(previous);
     s.bindSeq = nextSeq_++;
@@ -333,7 +333,7 @@ Agent::Pty* Agent::resolveForUse(Seat& s, int64_t ptyId) {
     if (!s.clientId.empty()) return nullptr;
     Pty* p = foreignPty(s, ptyId);
     if (p) {
-        Logger::connection("agent " + config_.code + ": controller " + s.id + " re-attached to client " + p->clientId +
+        Logger::connection(logName() + ": controller " + s.id + " re-attached to client " + logSafe(p->clientId) +
                            " through pty " + idText(ptyId));
         bind(s, p->clientId);
     }
@@ -361,7 +361,7 @@ void Agent::handle(const std::string& controllerId, const Message& m) {
             Pty* p = ownPty(s, *m.ptyId);
             if (!p) p = foreignPty(s, *m.ptyId);
             if (!p) {
-                Logger::session("agent " + config_.code + ": CLOSE_PTY for unknown pty " + idText(*m.ptyId) +
+                Logger::session(logName() + ": CLOSE_PTY for unknown pty " + idText(*m.ptyId) +
                                 " from " + s.id);
                 return;
             }
@@ -370,7 +370,7 @@ void Agent::handle(const std::string& controllerId, const Message& m) {
 
         Pty* p = resolveForUse(s, *m.ptyId);
         if (!p) {
-            Logger::session("agent " + config_.code + ": " + t + " for unknown pty " + idText(*m.ptyId) + " from " +
+            Logger::session(logName() + ": " + t + " for unknown pty " + idText(*m.ptyId) + " from " +
                             s.id + " dropped");
             return;
         }
@@ -393,7 +393,7 @@ void Agent::handle(const std::string& controllerId, const Message& m) {
         }
         return;
     }
-    Logger::info("agent " + config_.code + ": ignoring \"" + t + "\" from " + s.id);
+    Logger::info(logName() + ": ignoring \"" + logSafe(t) + "\" from " + s.id);
 }
 
 void Agent::onCreatePty(Seat& s, const Message& m) {
@@ -430,8 +430,8 @@ void Agent::onCreatePty(Seat& s, const Message& m) {
     ptys_.emplace(key, std::move(p));
     s.cwd = requested;
     s.lastPty = ptyId;
-    Logger::session("agent " + config_.code + ": pty " + idText(ptyId) + " of client " + s.clientId + " started in " +
-                    raw->cwd + " (pid " + std::to_string(raw->proc->pid()) + ")");
+    Logger::session(logName() + ": pty " + idText(ptyId) + " of client " + logSafe(s.clientId) + " started in " +
+                    logSafe(raw->cwd, 200) + " (pid " + std::to_string(raw->proc->pid()) + ")");
 }
 
 void Agent::onListPty(Seat& s) {
@@ -460,11 +460,11 @@ void Agent::onFsOp(Seat& s, const Message& m) {
     r.path = m.path.value_or(".");
     r.success = false;
     if (r.op != "list") {
-        Logger::info("agent " + std::to_string(config_.index) + ": unsupported fs_op \"" + logSafe(r.op) + "\"");
+        Logger::info(logName() + ": unsupported fs_op \"" + logSafe(r.op) + "\"");
         return sendLine(s, r.encode());
     }
     if (listingsRunning_->load() >= kMaxListingsRunning) {
-        Logger::info("agent " + std::to_string(config_.index) + ": " + std::to_string(kMaxListingsRunning) +
+        Logger::info(logName() + ": " + std::to_string(kMaxListingsRunning) +
                      " listings still running; one more refused");
         return sendLine(s, r.encode());
     }
@@ -631,7 +631,7 @@ static void disposeLater(std::unique_ptr<PtyProcess> proc) {
 void Agent::onPtyExit(const PtyKey& key) {
     std::unique_ptr<Pty> p = takePty(key);
     if (!p) return;
-    Logger::session("agent " + config_.code + ": pty " + idText(key.second) + " of client " + key.first + " ended");
+    Logger::session(logName() + ": pty " + idText(key.second) + " of client " + logSafe(key.first) + " ended");
     Message m("PTY_EXIT");
     m.ptyId = key.second;
     const std::string line = m.encode();
@@ -642,7 +642,7 @@ void Agent::onPtyExit(const PtyKey& key) {
 void Agent::closePty(const PtyKey& key, const std::string& byControllerId) {
     std::unique_ptr<Pty> p = takePty(key);
     if (!p) return;
-    Logger::session("agent " + config_.code + ": pty " + idText(key.second) + " of client " + key.first +
+    Logger::session(logName() + ": pty " + idText(key.second) + " of client " + logSafe(key.first) +
                     " closed by " + byControllerId);
     // The client's other seats see the session end (for them it was taken over).
     Message m("PTY_EXIT");

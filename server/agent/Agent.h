@@ -88,6 +88,8 @@ public:
     ~Agent() override;
 
     const AgentConfig& config() const { return config_; }
+    // How log lines name this agent ("agent 2"): by its number, never by its pairing code.
+    std::string logName() const { return "agent " + std::to_string(config_.index); }
     int controllerCount() const { return static_cast<int>(seats_.size()); }
     bool isFull() const { return controllerCount() >= config_.limit; }
     bool hasController(const std::string& id) const;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "LogText.h"
 #include "Logger.h"
 #include "relay/QuicControllerLink.h"
 
@@ -34,6 +35,11 @@ void AgentClient::stop() {
     stopped_ = true;
     retryTimer_.stop();
     statusTimer_.stop();
+    // Every seated controller hears why its connection ends (the relay passes the line on).
+    Message stopping("error");
+    stopping.msg = "智能体已停止";
+    for (auto& l : seats_)
+        if (l) l->sendLine(stopping.encode());
     closeSeats();
     agent_.hangUpAll();
     if (control_) {
@@ -79,8 +85,8 @@ void AgentClient::lost(const std::string& why) {
     if (wasRegistered) failures_ = 0;
     const double jitter = 0.8 + 0.4 * QRandomGenerator::global()->generateDouble();
     const int delay = retryDelayMs(failures_++, jitter);
-    Logger::connection("agent " + agent_.config().code + ": relay " + options_.host + " " +
-                       (wasRegistered ? "went away" : "not reached") + " (" + why + "); dialling again in " +
+    Logger::connection("agent: relay " + logSafe(options_.host) + " " + (wasRegistered ? "went away" : "not reached") +
+                       " (" + logSafe(why, 200) + "); dialling again in " +
                        std::to_string(delay) + " ms");
     if (onDisconnected) onDisconnected(why, delay);
     retryTimer_.start(delay);
@@ -90,13 +96,13 @@ void AgentClient::onControlLine(std::string_view line) {
     std::string error;
     auto w = AgentWire::decode(line, &error);
     if (!w) {
-        Logger::error("agent " + agent_.config().code + ": bad line from the relay: " + error);
+        Logger::error("agent: bad line from the relay: " + error);
         return;
     }
     if (w->type == "agent_welcome") {
         registered_ = true;
         failures_ = 0;
-        Logger::connection("agent " + agent_.config().code + ": registered with the relay " + options_.host);
+        Logger::connection("agent: registered with the relay " + logSafe(options_.host));
         sendStatus();
         statusTimer_.start();
         if (onRegistered) onRegistered();
@@ -105,8 +111,9 @@ void AgentClient::onControlLine(std::string_view line) {
         registered_ = false;
         retryTimer_.stop();
         statusTimer_.stop();
-        const std::string why = (w->type == "agent_refused" ? "refused by the relay: " : "replaced: ") + w->reason;
-        Logger::error("agent " + agent_.config().code + ": " + why);
+        const std::string why =
+            (w->type == "agent_refused" ? "refused by the relay: " : "replaced: ") + logSafe(w->reason, 200);
+        Logger::error("agent: " + why);
         if (onRefused) onRefused(why);
     } else if (w->type == "open_seat") {
         openSeat(*w);
@@ -119,7 +126,7 @@ void AgentClient::openSeat(const AgentWire& request) {
     dialling_.emplace_back(c);
     const AgentWire req = request;
     c->onClosed = [this, c](const QString& why) {
-        Logger::error("agent " + agent_.config().code + ": seat connection failed: " + why.toStdString());
+        Logger::error("agent: seat connection failed: " + logSafe(why.toStdString(), 200));
         std::erase(dialling_, QPointer<QuicClient>(c));
         c->deleteLater();
     };
@@ -137,8 +144,7 @@ void AgentClient::openSeat(const AgentWire& request) {
         link->onLine = [this, id, link](std::string_view line) {
             auto m = Message::decode(line);
             if (!m) {
-                Logger::error("agent " + agent_.config().code + ": undecodable line from controller " + id + ": " +
-                              m.error());
+                Logger::error("agent: undecodable line from controller " + id + ": " + logSafe(m.error(), 120));
                 return;
             }
             agent_.handle(id, m.value());
@@ -154,7 +160,7 @@ void AgentClient::openSeat(const AgentWire& request) {
     };
     std::string error;
     if (!c->dial(address_, "agent-" + agent_.config().code, &error)) {
-        Logger::error("agent " + agent_.config().code + ": cannot open a seat connection: " + error);
+        Logger::error("agent: cannot open a seat connection: " + logSafe(error, 200));
         std::erase(dialling_, QPointer<QuicClient>(c));
         c->deleteLater();
     }

@@ -4,8 +4,10 @@
 #include <QTimer>
 #include <algorithm>
 
+#include "LogText.h"
 #include "Logger.h"
 #include "RemoteAgent.h"
+#include "program/ServerOptions.h"
 #include "relay/ControllerLink.h"
 #include "relay/Relay.h"
 
@@ -40,7 +42,7 @@ AgentHub::AgentHub(Relay* relay, std::string secret, QObject* parent)
 AgentHub::~AgentHub() { closeAll(); }
 
 void AgentHub::accept(ControllerLink* link) {
-    QPointer<ControllerLink> guard(link);
+    link->setLineLimit(Relay::kUnpairedLineBytes);
     link->onLine = [this, link](std::string_view line) { onFirstLine(link, line); };
     link->onClosed = [link](const QString&) { link->deleteLater(); };
     auto* timer = new QTimer(link);
@@ -49,7 +51,7 @@ void AgentHub::accept(ControllerLink* link) {
         Logger::connection("relay: agent connection from " + link->peerAddress().toStdString() + " said nothing; closed");
         hangUp(link);
     });
-    timer->start(kHelloTimeoutMs);
+    timer->start(helloTimeoutMs_);
 }
 
 void AgentHub::onFirstLine(ControllerLink* link, std::string_view line) {
@@ -62,6 +64,8 @@ void AgentHub::onFirstLine(ControllerLink* link, std::string_view line) {
             if (a->awaitsSeat(w->seat)) {
                 link->onLine = nullptr;
                 link->onClosed = nullptr;
+                link->setLineLimit(Relay::kMaxLineBytes);
+                link->markAuthenticated();
                 a->attachSeat(w->seat, link);
                 return;
             }
@@ -69,7 +73,7 @@ void AgentHub::onFirstLine(ControllerLink* link, std::string_view line) {
         return hangUp(link);
     }
     if (w->type == "agent_hello") return onHello(link, *w);
-    refuse(link, "unexpected \"" + w->type + "\"");
+    refuse(link, "unexpected \"" + logSafe(w->type, 32) + "\"");
 }
 
 void AgentHub::refuse(ControllerLink* link, const std::string& reason) {
@@ -84,20 +88,21 @@ void AgentHub::onHello(ControllerLink* link, const AgentWire& hello) {
     if (!sameSecret(hello.secret, secret_)) return refuse(link, "wrong agent secret");
     static const QRegularExpression sixDigits(QStringLiteral("^[0-9]{6}$"));
     if (!sixDigits.match(QString::fromStdString(hello.code)).hasMatch())
-        return refuse(link, "the pairing code must be six digits, not \"" + hello.code.substr(0, 32) + "\"");
+        return refuse(link, "the pairing code must be six digits");
     if (hello.machineId.empty() || hello.machineId.size() > 128) return refuse(link, "no usable machine_id");
     AgentWire h = hello;
     if (h.limit < 1 || h.limit > kMaxLimit) h.limit = 8;
     if (h.os.empty()) h.os = "linux";
     h.os = h.os.substr(0, 32);
-    h.hostname = h.hostname.substr(0, 255);
+    // The name the host list shows, held to the rules of the programs' --name; else none is listed.
+    h.hostname = checkedHostName(QString::fromStdString(h.hostname)).value_or(QString()).toStdString();
 
     if (AgentPort* holder = relay_->agentByCode(h.code)) {
         auto it = std::find_if(agents_.begin(), agents_.end(), [&](const auto& a) { return a.get() == holder; });
         if (it == agents_.end() || holder->machineId() != h.machineId)
-            return refuse(link, "the pairing code " + h.code + " is already taken by another agent");
+            return refuse(link, "the pairing code is already taken by another agent");
         RemoteAgent* old = it->get();
-        Logger::connection("relay: agent " + h.code + " started again from " + link->peerAddress().toStdString() +
+        Logger::connection("relay: " + old->logName() + " started again from " + link->peerAddress().toStdString() +
                            "; the connection from " + old->address().toStdString() + " is let go");
         if (old->control()) {
             AgentWire r("agent_replaced");
@@ -107,7 +112,7 @@ void AgentHub::onHello(ControllerLink* link, const AgentWire& hello) {
         unregister(old, "智能体已重新启动");
     }
 
-    auto agent = std::make_unique<RemoteAgent>(h, link);
+    auto agent = std::make_unique<RemoteAgent>(h, link, ++registrations_);
     RemoteAgent* a = agent.get();
     agents_.push_back(std::move(agent));
     link->onLine = [a](std::string_view line) {
@@ -119,13 +124,17 @@ void AgentHub::onHello(ControllerLink* link, const AgentWire& hello) {
         AgentHub* self = this;
         RemoteAgent* agent = a;
         link->deleteLater();
-        Logger::connection("relay: agent " + agent->code() + " went away" + (why.isEmpty() ? "" : ": " + why.toStdString()));
+        Logger::connection("relay: " + agent->logName() + " went away" +
+                           (why.isEmpty() ? "" : ": " + logSafe(why.toStdString(), 200)));
         self->unregister(agent, "智能体已断开连接");
     };
+    link->setLineLimit(Relay::kMaxLineBytes);
+    link->markAuthenticated();
     relay_->addAgent(a);
     link->sendLine(AgentWire("agent_welcome").encode());
-    Logger::connection("relay: agent " + h.code + " registered from " + link->peerAddress().toStdString() +
-                       " (machine " + h.machineId + ", " + h.os + ", up to " + std::to_string(h.limit) + " controllers)");
+    Logger::connection("relay: " + a->logName() + " registered from " + link->peerAddress().toStdString() +
+                       " (machine \"" + logSafe(h.machineId, 128) + "\", " + logSafe(h.os, 32) + ", up to " +
+                       std::to_string(h.limit) + " controllers)");
 }
 
 void AgentHub::unregister(RemoteAgent* agent, const std::string& why) {

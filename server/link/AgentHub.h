@@ -6,6 +6,10 @@
 //
 // A code that another agent holds is refused, except by a newer start of the same agent (same code and
 // machine id), which takes over: the older one is told so and let go.
+//
+// Until a connection has said who it is, it may send only short lines (the relay's unpaired limit) and
+// must do so within kHelloTimeoutMs; once it has, its line limit is the full one and its transport no
+// longer counts it among the unknown peers of its address.
 #include <QObject>
 #include <QPointer>
 #include <memory>
@@ -32,6 +36,7 @@ public:
     // Takes over a new connection (deleted once closed).
     void accept(ControllerLink* link);
     const std::vector<std::unique_ptr<RemoteAgent>>& agents() const { return agents_; }
+    void setHelloTimeoutMs(int ms) { helloTimeoutMs_ = ms; }
     // Lets every agent go (the program is stopping, or the relay is).
     void closeAll();
 
@@ -44,6 +49,8 @@ private:
     Relay* relay_;
     std::string secret_;
     std::vector<std::unique_ptr<RemoteAgent>> agents_;
+    int helloTimeoutMs_ = kHelloTimeoutMs;
+    int registrations_ = 0;
 };
 
 // Compares two secrets in a time that does not depend on where they differ.

@@ -3,6 +3,7 @@
 #include <QUuid>
 #include <algorithm>
 
+#include "LogText.h"
 #include "Logger.h"
 #include "relay/ControllerLink.h"
 
@@ -20,9 +21,11 @@ void hangUp(ControllerLink* c) {
 
 }  // namespace
 
-RemoteAgent::RemoteAgent(const AgentWire& hello, ControllerLink* control, QObject* parent)
+RemoteAgent::RemoteAgent(const AgentWire& hello, ControllerLink* control, int serial, QObject* parent)
     : AgentPort(parent), hello_(hello), control_(control) {
     hello_.secret.clear();
+    logName_ = "remote agent " + std::to_string(serial);
+    if (!hello_.hostname.empty()) logName_ += " (\"" + logSafe(hello_.hostname) + "\")";
 }
 
 RemoteAgent::~RemoteAgent() { closeAll(); }
@@ -78,7 +81,7 @@ std::string RemoteAgent::admit(ControllerLink* link, const std::string& nickname
     s->timeout = std::make_unique<QTimer>();
     s->timeout->setSingleShot(true);
     QObject::connect(s->timeout.get(), &QTimer::timeout, this, [this, key] {
-        Logger::error("relay: agent " + hello_.code + " did not open a seat in time");
+        Logger::error("relay: " + logName_ + " did not open a seat in time");
         endSeat(key, "智能体没有响应");
     });
     s->timeout->start(kSeatTimeoutMs);

@@ -24,7 +24,8 @@ public:
     static constexpr int kSeatTimeoutMs = 10000;
 
     // `control` is the agent's own connection; the caller keeps listening on it and hands statuses in.
-    RemoteAgent(const AgentWire& hello, ControllerLink* control, QObject* parent = nullptr);
+    // `serial` numbers the agent among those that registered with this relay, for the log.
+    RemoteAgent(const AgentWire& hello, ControllerLink* control, int serial = 0, QObject* parent = nullptr);
     ~RemoteAgent() override;
 
     ControllerLink* control() const { return control_; }
@@ -42,6 +43,7 @@ public:
     std::string machineId() const override { return hello_.machineId; }
     std::string os() const override { return hello_.os; }
     std::string hostname() const override { return hello_.hostname; }
+    std::string logName() const override { return logName_; }
     int limit() const override { return static_cast<int>(hello_.limit); }
     int controllerCount() const override { return static_cast<int>(seats_.size()); }
     bool hasController(const std::string& controllerId) const override;
@@ -71,6 +73,7 @@ private:
     void fromAgent(Seat& s, std::string_view line);
 
     AgentWire hello_;
+    std::string logName_;
     QPointer<ControllerLink> control_;
     double cpu_ = 0;
     double mem_ = 0;

@@ -10,6 +10,7 @@
 #include <QUuid>
 #include <sys/stat.h>
 
+#include "LogText.h"
 #include "ServerOptions.h"
 
 namespace ostv::server {
@@ -21,7 +22,7 @@ QString AgentOptions::usage() {
         "pairing code and gives paired controllers real shells.\n"
         "\n"
         "  --relay HOST[:PORT]  the relay to reach (port default 9090)\n"
-        "  --secret-file PATH   the relay's agent secret (a copy of the file the server made)\n"
+        "  --secret-file PATH   the relay's agent secret (a copy of the file the server made, mode 0600)\n"
         "  --code CODE          six-digit pairing code (default: a random one made once and kept in the\n"
         "                       state folder)\n"
         "  --shell PATH         shell to start in every terminal (default: the user's login shell)\n"
@@ -29,6 +30,8 @@ QString AgentOptions::usage() {
         "  --state-dir DIR      where the code is kept (default ~/.local/state/ostvarren-agent)\n"
         "  --machine-id ID      the id to register with (default: /etc/machine-id, else one kept in the\n"
         "                       state folder); only for several agents on one machine\n"
+        "  --name NAME          the host name the relay's agent list shows (default: this machine's)\n"
+        "  --allow-root         give shells as root (refused without it when run as root)\n"
         "  --exit-with-parent   stop (as on SIGTERM) when the process that started the agent ends\n"
         "  --help               show this text\n"
         "\n"
@@ -86,8 +89,12 @@ std::optional<AgentOptions> AgentOptions::parse(const QStringList& args, QString
             o.exitWithParent = true;
             continue;
         }
-        static const QStringList withValue = {"--relay", "--secret-file", "--code",      "--shell",
-                                              "--limit", "--state-dir",   "--machine-id"};
+        if (name == "--allow-root") {
+            o.allowRoot = true;
+            continue;
+        }
+        static const QStringList withValue = {"--relay",     "--secret-file", "--code",       "--shell",
+                                              "--limit",     "--state-dir",   "--machine-id", "--name"};
         if (!withValue.contains(name)) return fail(QStringLiteral("unknown option: ") + args[i]);
         if (!inlineValue) {
             if (i + 1 >= args.size()) return fail(name + QStringLiteral(" needs a value"));
@@ -117,6 +124,13 @@ std::optional<AgentOptions> AgentOptions::parse(const QStringList& args, QString
             if (!QRegularExpression(QStringLiteral("^[A-Za-z0-9._-]{1,128}$")).match(value).hasMatch())
                 return fail(QStringLiteral("--machine-id: expected 1 to 128 letters, digits, '.', '_' or '-': ") + value);
             o.machineId = value;
+        } else if (name == "--name") {
+            const auto n = checkedHostName(value);
+            if (!n)
+                return fail(QStringLiteral("--name: expected 1 to %1 characters on one line: ")
+                                .arg(ServerOptions::kMaxNameLength) +
+                            QString::fromStdString(logSafe(value.toStdString())));
+            o.name = *n;
         }
     }
     if (o.help) return o;
@@ -128,6 +142,12 @@ std::optional<AgentOptions> AgentOptions::parse(const QStringList& args, QString
                      "/ostvarren-agent";
     }
     return o;
+}
+
+bool AgentOptions::mayRunAs(bool runningAsRoot, QString* error) const {
+    if (!runningAsRoot || allowRoot) return true;
+    *error = QStringLiteral("refusing to give shells as root: run as an ordinary user, or pass --allow-root");
+    return false;
 }
 
 namespace {
@@ -182,6 +202,13 @@ std::optional<std::string> keptMachineId(const QString& stateDir, QString* error
 }
 
 std::optional<std::string> readSecretFile(const QString& path, QString* error) {
+    struct stat st {};
+    if (::stat(QFile::encodeName(path).constData(), &st) == 0 && (st.st_mode & 077) != 0) {
+        *error = QStringLiteral("the secret file %1 may be read by other users (mode %2); chmod 600 it")
+                     .arg(path)
+                     .arg(st.st_mode & 0777, 3, 8, QChar('0'));
+        return std::nullopt;
+    }
     QFile f(path);
     if (!f.open(QIODevice::ReadOnly)) {
         *error = QStringLiteral("cannot read the secret file ") + path + QStringLiteral(": ") + f.errorString();

@@ -16,8 +16,14 @@ struct AgentOptions {
     int limit = 8;
     QString stateDir;   // empty: ~/.local/state/ostvarren-agent
     QString machineId;  // empty: the machine's own
+    QString name;       // the host name the relay lists; empty: this machine's
+    bool allowRoot = false;
     bool exitWithParent = false;
     bool help = false;
+
+    // Whether shells may start for this user: as root only with --allow-root. On refusal answers
+    // false with one line in *error.
+    bool mayRunAs(bool runningAsRoot, QString* error) const;
 
     static std::optional<AgentOptions> parse(const QStringList& args, QString* error);
     static QString usage();
@@ -31,7 +37,8 @@ bool splitHostPort(const QString& text, QString* host, int* port);
 // or nothing with *error set.
 std::optional<std::string> keptPairingCode(const QString& stateDir, QString* error);
 std::optional<std::string> keptMachineId(const QString& stateDir, QString* error);
-// The first line of a secret file, blanks trimmed; nothing when it cannot be read or is empty.
+// The first line of a secret file, blanks trimmed; nothing when it cannot be read, is empty, or may be
+// read or written by other users than its owner.
 std::optional<std::string> readSecretFile(const QString& path, QString* error);
 // Reads the secret file, or makes one (mode 0600, its folder 0700) with a new random secret when
 // it does not exist; *made tells which.

@@ -9,6 +9,8 @@
 #include <QSysInfo>
 #include <algorithm>
 
+#include "LogText.h"
+
 namespace ostv::server {
 
 namespace {
@@ -40,14 +42,14 @@ QString ServerOptions::usage() {
         "                      printed at start, and the default or an empty one is refused)\n"
         "  --password-file F   read the admin password from the first line of F (mode 0600 or stricter)\n"
         "  --allow-root        run shells as root even when listening beyond loopback\n"
-        "  --state-dir DIR     where the relay keeps its certificate and key\n"
+        "  --state-dir DIR     where the relay keeps its certificate and key, and the agent secret\n"
         "                      (default $XDG_STATE_HOME/ostvarren-server or ~/.local/state/ostvarren-server)\n"
         "  --agents N          number of built-in agents, 0 to 64 (default 1; 0: relay and admin API only)\n"
         "  --code CODE         six-digit pairing code of the next agent, repeatable (default: random)\n"
         "  --limit N           controllers per agent (default 8)\n"
         "  --shell PATH        shell to start in every terminal (default: the user's login shell)\n"
-        "  --agent-secret-file PATH  the secret agents on other machines present (default\n"
-        "                      ~/.local/state/ostvarren-server/agent-secret; made, mode 0600, when missing)\n"
+        "  --agent-secret-file PATH  the secret agents on other machines present (default agent-secret\n"
+        "                      in the state folder; made, mode 0600, when missing)\n"
         "  --name NAME         host name the agent list shows, as NAME#1, NAME#2... (default: this\n"
         "                      machine's host name)\n"
         "  --exit-with-parent  stop (as on SIGTERM) when the process that started the server ends\n"
@@ -126,12 +128,11 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
             if (!v) return fail(QStringLiteral("--limit: expected 1 to 1000: ") + value);
             o.limit = *v;
         } else if (name == "--name") {
-            const QString n = value.trimmed();
-            if (n.isEmpty() || n.size() > kMaxNameLength ||
-                std::any_of(n.begin(), n.end(), [](QChar c) { return c.category() == QChar::Other_Control; }))
+            const auto n = checkedHostName(value);
+            if (!n)
                 return fail(QStringLiteral("--name: expected 1 to %1 characters on one line: ").arg(kMaxNameLength) +
-                            value);
-            o.name = n;
+                            QString::fromStdString(logSafe(value.toStdString())));
+            o.name = *n;
         } else if (name == "--shell") {
             if (!QFileInfo(value).isExecutable()) return fail(QStringLiteral("--shell: not an executable: ") + value);
             o.shell = value;
@@ -145,6 +146,16 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
     if (static_cast<int>(o.codes.size()) > o.agents)
         return fail(QStringLiteral("%1 codes given for %2 agent(s)").arg(o.codes.size()).arg(o.agents));
     return o;
+}
+
+std::optional<QString> checkedHostName(const QString& value) {
+    const QString n = value.trimmed();
+    if (n.isEmpty() || n.size() > ServerOptions::kMaxNameLength ||
+        std::any_of(n.begin(), n.end(), [](QChar c) {
+            return c.category() == QChar::Other_Control || c.category() == QChar::Other_Format;
+        }))
+        return std::nullopt;
+    return n;
 }
 
 std::vector<std::string> builtInHostnames(const QString& base, int count) {

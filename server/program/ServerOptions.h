@@ -44,6 +44,10 @@ struct ServerOptions {
     static QString usage();
 };
 
+// A --name value: trimmed, 1 to ServerOptions::kMaxNameLength characters, no control characters;
+// nothing when it is not one.
+std::optional<QString> checkedHostName(const QString& value);
+
 // The host names of `count` built-in agents, in the order they are listed: base + "#1", "#2", ...
 // An empty base is this machine's host name ("localhost" when it has none).
 std::vector<std::string> builtInHostnames(const QString& base, int count);

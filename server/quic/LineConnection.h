@@ -23,6 +23,10 @@ public:
     virtual void close(uint64_t appErrorCode = 0) = 0;  // orderly CONNECTION_CLOSE, then onClosed
     virtual void setReadPaused(bool paused) = 0;
     virtual void setMaxLine(size_t bytes) = 0;  // a longer line from the peer is dropped (logged)
+    // The peer has proved who it is (an agent's secret, a seat's key): from now on it no longer counts
+    // against the caps that hold back unknown peers. Answers false when that cannot be (a bound of its
+    // own is reached); the connection then stays counted as before.
+    virtual bool markAuthenticated() { return false; }
 
     std::function<void(std::string_view line)> onLine;
     std::function<void()> onDrained;

@@ -83,6 +83,16 @@ void QuicConnection::setReadPaused(bool paused) {
     if (engine_) engine_->setReadPaused(paused);
 }
 
+bool QuicConnection::markAuthenticated() {
+    if (authenticated_) return true;
+    if (closed_ || server_->authenticated_ >= server_->maxAuthenticated) return false;
+    auto it = server_->perSource_.find(sourceKey_);
+    if (it != server_->perSource_.end() && --it->second == 0) server_->perSource_.erase(it);
+    authenticated_ = true;
+    ++server_->authenticated_;
+    return true;
+}
+
 void QuicConnection::deliver(const char* data, size_t len) {
     std::string_view chunk(data, len);
     // A line longer than the limit is dropped whole: its bytes are skipped until the next line feed.
@@ -275,10 +285,14 @@ void QuicServer::sendTo(const sockaddr* peer, socklen_t len, const uint8_t* data
 
 void QuicServer::forget(QuicConnection* c) {
     for (const std::string& cid : c->cids_) byCid_.erase(cid);
-    if (byPeer_.erase(peerKey(reinterpret_cast<const sockaddr*>(&c->peer_), c->peerLen_)) != 0) {
-        auto it = perSource_.find(c->sourceKey_);
-        if (it != perSource_.end() && --it->second == 0) perSource_.erase(it);
+    if (byPeer_.erase(peerKey(reinterpret_cast<const sockaddr*>(&c->peer_), c->peerLen_)) == 0) return;
+    if (c->authenticated_) {
+        --authenticated_;
+        c->authenticated_ = false;
+        return;
     }
+    auto it = perSource_.find(c->sourceKey_);
+    if (it != perSource_.end() && --it->second == 0) perSource_.erase(it);
 }
 
 void QuicServer::readAll() {
@@ -302,7 +316,7 @@ void QuicServer::readAll() {
             if (ngtcp2_accept(&hd, buf, len) != 0) continue;  // not a new connection's Initial: drop
             const auto* from = reinterpret_cast<const sockaddr*>(&peer);
             const std::string source = hostOf(from);
-            if (byPeer_.size() >= maxConnections) {
+            if (byPeer_.size() - authenticated_ >= maxConnections) {
                 refuseLogged("at the cap of " + std::to_string(maxConnections) + " connections");
                 continue;
             }

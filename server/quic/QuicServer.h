@@ -6,7 +6,10 @@
 // Before a connection is anything, it is bounded: at most maxConnections in total and maxPerAddress
 // from one address (further Initials are dropped, logged once a minute), and once more than
 // retryAbove handshakes are under way a new client must first prove its address with a Retry round
-// trip, so that spoofed Initials cost no state and no crypto.
+// trip, so that spoofed Initials cost no state and no crypto. A connection whose peer has proved who
+// it is (markAuthenticated: an agent, a seat) leaves those counts, so that many agents behind one
+// address, or one agent with many seats, do not crowd out controllers; up to maxAuthenticated of them
+// are held apart like that.
 #include <QDateTime>
 #include <QHostAddress>
 #include <QObject>
@@ -43,6 +46,7 @@ public:
     // The protocol the peer speaks: kRelayAlpn (a controller) or kAgentAlpn (an agent).
     std::string alpn() const { return engine_ ? engine_->selectedAlpn() : std::string(); }
     void setMaxLine(size_t bytes) override { splitter_.setMaxLine(bytes); }
+    bool markAuthenticated() override;
 
     static constexpr size_t lowWatermark() { return 256 * 1024; }
 
@@ -64,6 +68,7 @@ private:
     socklen_t peerLen_ = 0;
     std::vector<std::string> cids_;
     std::string sourceKey_;
+    bool authenticated_ = false;
     int droppedLogged_ = 0;
 };
 
@@ -83,6 +88,7 @@ public:
     uint64_t maxUdpPayloadSize = NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE;
     size_t maxConnections = 1024;
     size_t maxPerAddress = 64;
+    size_t maxAuthenticated = 8192;
     size_t retryAbove = 16;  // handshakes under way beyond which new clients get a Retry first
 
     // Where the certificate and key are kept (made there on the first start). Empty: a new pair on
@@ -93,6 +99,7 @@ public:
     // Tests: the certificate to serve (made at listen): its common name and validity.
     void setCertificateOptions(const QString& commonName, const QDateTime& notBefore, const QDateTime& notAfter);
     size_t connectionCount() const { return byPeer_.size(); }
+    size_t authenticatedCount() const { return authenticated_; }
     uint64_t retriesSent() const { return retriesSent_; }
 
 private:
@@ -117,7 +124,8 @@ private:
     QDateTime notAfter_;
     std::map<std::string, QPointer<QuicConnection>> byCid_;
     std::map<std::string, QPointer<QuicConnection>> byPeer_;
-    std::map<std::string, size_t> perSource_;
+    std::map<std::string, size_t> perSource_;  // connections from each address, authenticated ones left out
+    size_t authenticated_ = 0;
     QString stateDir_;
     bool certOptionsSet_ = false;
     uint8_t retrySecret_[32] = {};

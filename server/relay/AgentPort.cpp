@@ -11,6 +11,7 @@ std::string LocalAgentPort::code() const { return agent_->config().code; }
 std::string LocalAgentPort::machineId() const { return agent_->config().machineId; }
 std::string LocalAgentPort::os() const { return agent_->config().os; }
 std::string LocalAgentPort::hostname() const { return agent_->config().hostname; }
+std::string LocalAgentPort::logName() const { return agent_->logName(); }
 int LocalAgentPort::limit() const { return agent_->config().limit; }
 int LocalAgentPort::controllerCount() const { return agent_->controllerCount(); }
 bool LocalAgentPort::hasController(const std::string& id) const { return agent_->hasController(id); }

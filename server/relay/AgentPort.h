@@ -33,6 +33,8 @@ public:
     virtual std::string machineId() const = 0;
     virtual std::string os() const = 0;
     virtual std::string hostname() const = 0;  // empty: not known
+    // How log lines name the agent: never by its pairing code, untrusted parts escaped.
+    virtual std::string logName() const = 0;
     virtual int limit() const = 0;
     // Seats taken or being set up.
     virtual int controllerCount() const = 0;
@@ -69,6 +71,7 @@ public:
     std::string machineId() const override;
     std::string os() const override;
     std::string hostname() const override;
+    std::string logName() const override;
     int limit() const override;
     int controllerCount() const override;
     bool hasController(const std::string& controllerId) const override;

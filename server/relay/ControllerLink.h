@@ -32,6 +32,9 @@ public:
     // Longest line accepted from now on; a longer one is dropped whole. Links without a limit of their
     // own ignore it.
     virtual void setLineLimit(size_t) {}
+    // The peer has proved who it is (an agent, a seat): its transport stops counting it among the
+    // unknown peers of its address. Links without such caps ignore it.
+    virtual void markAuthenticated() {}
 
     // Set by the relay. onLine: one received line without its terminator. onDrained: the queue fell
     // back below the transport's low watermark. onClosed: the link is gone (peer close, idle

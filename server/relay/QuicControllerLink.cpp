@@ -78,6 +78,10 @@ void QuicControllerLink::setLineLimit(size_t bytes) {
     if (!closed_ && conn_) conn_->setMaxLine(bytes);
 }
 
+void QuicControllerLink::markAuthenticated() {
+    if (!closed_ && conn_) conn_->markAuthenticated();
+}
+
 void QuicControllerLink::reportClosed(const QString& why) {
     if (closed_) return;
     closed_ = true;

@@ -23,6 +23,7 @@ public:
     void close(uint64_t appErrorCode = 0) override;
     void setReadPaused(bool paused) override;
     void setLineLimit(size_t bytes) override;
+    void markAuthenticated() override;
 
 private:
     void reportClosed(const QString& why);

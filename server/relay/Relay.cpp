@@ -35,6 +35,15 @@ QHostAddress sourceOf(const QString& peerAddress) {
 
 }  // namespace
 
+std::string serverNameForLog(const std::string& sni) {
+    // "ctrl-123456" and "agent-123456" carry a pairing code: only their shape is logged.
+    for (const char* prefix : {"ctrl-", "agent-"}) {
+        const std::string p(prefix);
+        if (sni.rfind(p, 0) == 0) return p + std::string(std::min<size_t>(sni.size() - p.size(), 16), '*');
+    }
+    return logSafe(sni);
+}
+
 struct Relay::Peer {
     enum class State { unpaired, selecting, seating, seated, closing };
     QPointer<ControllerLink> link;
@@ -86,7 +95,7 @@ void Relay::watch(AgentPort* agent) {
         Peer* p = peerOfSeat(agent, key);
         if (!p) return;
         if (p->state == Peer::State::seating && !why.empty()) sendError(*p, why);
-        Logger::connection("relay: agent " + agent->code() + " ended the seat of " + p->label +
+        Logger::connection("relay: " + agentLabel(agent) + " ended the seat of " + p->label +
                            (why.empty() ? "" : ": " + why));
         p->state = Peer::State::closing;
         p->agent = nullptr;
@@ -131,8 +140,8 @@ void Relay::accept(ControllerLink* link) {
     peer->label = logSafe(link->peerAddress().toStdString());
     Peer* p = peer.get();
     peers_.push_back(std::move(peer));
-    Logger::connection("relay: link from " + p->label + " (server name \"" + logSafe(link->serverName().toStdString()) +
-                       "\")");
+    Logger::connection("relay: link from " + p->label + " (server name \"" +
+                       serverNameForLog(link->serverName().toStdString()) + "\")");
     link->setLineLimit(kUnpairedLineBytes);
 
     // The callbacks find their peer through the link, so that a link whose peer is gone does nothing.
@@ -185,11 +194,7 @@ void Relay::closeAll() {
         if (l) l->close();
 }
 
-std::string Relay::agentLabel(const AgentPort* a) const {
-    for (size_t i = 0; i < agents_.size(); ++i)
-        if (agents_[i] == a) return "agent " + std::to_string(i + 1);
-    return a ? std::string("an agent") : std::string("no agent");
-}
+std::string Relay::agentLabel(const AgentPort* a) const { return a ? a->logName() : std::string("no agent"); }
 
 // A line from a link: handled now, or held while its peer is not reading its replies.
 void Relay::receive(ControllerLink* link, std::string_view line) {
@@ -312,7 +317,7 @@ void Relay::onPair(Peer& p, const Message& m) {
     AgentPort* agent = agentByCode(code);
     if (!sni.empty() && sni != "ctrl-" + code)
         Logger::connection("relay: " + p.label + " pairs with " + agentLabel(agent) + " under server name \"" +
-                           logSafe(sni) + "\"");
+                           serverNameForLog(sni) + "\"");
     if (!agent) {
         pairing_.failed(source);
         Logger::connection("relay: " + p.label + " tried a wrong code");

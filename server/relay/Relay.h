@@ -91,4 +91,7 @@ private:
     AttemptLimiter pairing_;
 };
 
+// A TLS server name as the log shows it: a pairing code in it is masked, anything else escaped.
+std::string serverNameForLog(const std::string& sni);
+
 }  // namespace ostv::server

@@ -25,6 +25,10 @@ struct Wire {
     bool closed = false;
     bool closedByServer = false;
     bool readPaused = false;
+    size_t lineLimit = 0;           // the last limit the server set (0: none)
+    bool enforceLineLimit = false;  // true: longer lines are dropped before the server sees them
+    size_t droppedLines = 0;
+    bool authenticated = false;
 
     std::vector<Message> received(const std::string& type = {}, size_t from = 0) const {
         std::vector<Message> out;
@@ -77,8 +81,14 @@ public:
         finish(QStringLiteral("closed by server"));
     }
     void setReadPaused(bool p) override { wire_->readPaused = p; }
+    void setLineLimit(size_t bytes) override { wire_->lineLimit = bytes; }
+    void markAuthenticated() override { wire_->authenticated = true; }
 
     void deliver(const std::string& line) {
+        if (wire_->enforceLineLimit && wire_->lineLimit && line.size() > wire_->lineLimit) {
+            ++wire_->droppedLines;  // as the real link's line splitter does
+            return;
+        }
         if (!wire_->closed && onLine) onLine(line);
     }
     void peerClose() { finish(QStringLiteral("peer closed")); }

@@ -29,18 +29,10 @@ using ostv::test::Controller;
 using ostv::test::create;
 using ostv::test::input;
 using ostv::test::spin;
+using ostv::test::processRunning;
 using ostv::test::waitUntil;
 
 namespace {
-
-// A process that still runs (a zombie waiting for a parent that will not reap it counts as ended).
-bool running(pid_t pid) {
-    QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!f.open(QIODevice::ReadOnly)) return false;
-    const QByteArray stat = f.readAll();
-    const qsizetype close = stat.lastIndexOf(')');
-    return close > 0 && close + 2 < stat.size() && stat[close + 2] != 'Z';
-}
 
 // The number after `key` in a shell's output.
 pid_t numberAfter(const std::string& out, const std::string& key) {
@@ -424,21 +416,22 @@ TEST_F(RoundTrip, StoppingTheServerHangsUpEveryShell) {
         const pid_t sleeper = numberAfter(a->output(2), "sleeper=");
         ASSERT_GT(shell, 1);
         ASSERT_GT(sleeper, 1);
-        ASSERT_TRUE(running(shell) && running(sleeper));
+        ASSERT_TRUE(processRunning(shell) && processRunning(sleeper));
 
         ASSERT_EQ(::kill(server->pid(), sig), 0);
         ASSERT_TRUE(waitUntil([&] { return !server->isRunning(); }, 8000)) << "the server did not stop";
         const int status = server->stop();
         EXPECT_TRUE(WIFEXITED(status)) << status;
         EXPECT_EQ(WEXITSTATUS(status), 0);
-        EXPECT_TRUE(waitUntil([&] { return !running(shell) && !running(sleeper); }, 5000))
-            << "shell " << running(shell) << ", sleeper " << running(sleeper);
+        EXPECT_TRUE(waitUntil([&] { return !processRunning(shell) && !processRunning(sleeper); }, 5000))
+            << "shell " << processRunning(shell) << ", sleeper " << processRunning(sleeper);
         EXPECT_TRUE(a->waitClosedByServer()) << "the controller's connection is closed";
     }
 }
 
 // The listener on its own: once handshakes pile up (here: from the first), a new client first proves
-// its address with a Retry and then connects as usual; one address gets only so many connections.
+// its address with a Retry and then connects as usual; one address gets only so many connections,
+// not counting those that have proved who they are (agents and their seats).
 TEST(QuicListener, RetryOnceHandshakesPileUpAndACapPerAddress) {
     server::QuicServer listener;
     listener.retryAbove = 0;
@@ -447,6 +440,7 @@ TEST(QuicListener, RetryOnceHandshakesPileUpAndACapPerAddress) {
     listener.onConnection = [&](server::QuicConnection* c) {
         c->onLine = [&heard, c](std::string_view line) {
             heard.emplace_back(line);
+            if (line == "trusted") c->markAuthenticated();
             c->sendLine("echo " + std::string(line));
         };
     };
@@ -467,6 +461,23 @@ TEST(QuicListener, RetryOnceHandshakesPileUpAndACapPerAddress) {
     spin(800);
     EXPECT_FALSE(clients[2]->isReady()) << "a third connection from the same address is not taken";
     EXPECT_EQ(listener.connectionCount(), 2u);
+    clients[2]->disconnect();
+
+    // Both proved who they are: two more unknown peers from the address fit, a third again does not.
+    for (int i = 0; i < 2; ++i) {
+        clients[i]->sendRaw("trusted");
+        EXPECT_TRUE(waitUntil([&] { return clients[i]->lines().size() == 2; }, 3000)) << i;
+    }
+    EXPECT_EQ(listener.authenticatedCount(), 2u);
+    for (int i = 0; i < 3; ++i)
+        clients.push_back(std::make_unique<Controller>(QStringLiteral("127.0.0.1"), listener.port(), "123456"));
+    EXPECT_TRUE(clients[3]->connect() && clients[4]->connect()) << "authenticated peers left the address's count";
+    clients[5]->startConnecting();
+    spin(800);
+    EXPECT_FALSE(clients[5]->isReady());
+    EXPECT_EQ(listener.connectionCount(), 4u);
+    clients[0]->disconnect();
+    EXPECT_TRUE(waitUntil([&] { return listener.authenticatedCount() == 1u; }, 5000)) << "a closed one is forgotten";
     for (auto& c : clients) c->disconnect();
 }
 

@@ -10,6 +10,9 @@
 #include "TestSupport.h"
 #include "agent/Agent.h"
 #include "agent/PtyProcess.h"
+#include "link/AgentHub.h"
+#include "relay/AgentPort.h"
+#include "link/AgentWire.h"
 #include "relay/Relay.h"
 
 using namespace ostv;
@@ -515,6 +518,8 @@ TEST_F(RelayTest, BadInputIsAnsweredAndNobodyElseNotices) {
     EXPECT_EQ(agents[0]->controllerCount(), 2);
 }
 
+// Controllers before pairing and agent connections before their hello: requests are refused, lines
+// are short, and a link that says nothing in time is closed.
 TEST_F(RelayTest, RequestsBeforePairingAreRefusedAndAnIdleLinkIsClosed) {
     relay->setPairTimeoutMs(200);
     Peer p = connect();
@@ -527,6 +532,43 @@ TEST_F(RelayTest, RequestsBeforePairingAreRefusedAndAnIdleLinkIsClosed) {
     p.send(t);
     EXPECT_EQ(p->received("error").size(), 3u);
     EXPECT_TRUE(waitUntil([&] { return p->closedByServer; }, 2000));
+
+    // An agent connection: short lines until its hello has checked out, then the full limit and no
+    // longer one of its address's unknown peers.
+    AgentHub hub(relay.get(), "s3cret");
+    hub.setHelloTimeoutMs(300);
+    auto agentLink = [&] {
+        Peer a;
+        a->enforceLineLimit = true;
+        a.link = new FakeLink(a.wire);
+        hub.accept(a.link);
+        return a;
+    };
+    Peer a = agentLink();
+    EXPECT_EQ(a->lineLimit, Relay::kUnpairedLineBytes);
+    AgentWire hello("agent_hello");
+    hello.secret = "s3cret";
+    hello.code = "654321";
+    hello.machineId = "far";
+    hello.hostname = std::string(Relay::kUnpairedLineBytes, 'h');
+    a.sendRaw(hello.encode());
+    EXPECT_EQ(a->droppedLines, 1u);
+    EXPECT_TRUE(a->lines.empty()) << "a long hello is not read";
+    hello.hostname = "far box";
+    a.sendRaw(hello.encode());
+    ASSERT_EQ(a->lines.size(), 1u);
+    EXPECT_EQ(AgentWire::decode(a->lines[0], nullptr)->type, "agent_welcome");
+    EXPECT_EQ(a->lineLimit, Relay::kMaxLineBytes);
+    EXPECT_TRUE(a->authenticated);
+    ASSERT_NE(relay->agentByCode("654321"), nullptr);
+    EXPECT_EQ(relay->agentByCode("654321")->hostname(), "far box");
+    a.sendRaw(R"({"type":"agent_status","cpu":33,"mem":44,"pad":")" + std::string(64 * 1024, 'p') + "\"}");
+    EXPECT_EQ(relay->agentByCode("654321")->load(), (std::pair<double, double>{33, 44}));
+    EXPECT_FALSE(a->closedByServer);
+
+    Peer quiet = agentLink();
+    EXPECT_TRUE(waitUntil([&] { return quiet->closedByServer; }, 3000)) << "no hello in time";
+    EXPECT_FALSE(quiet->authenticated);
 }
 
 // A controller that does not read its replies: what it sends meanwhile waits, in order, and only so

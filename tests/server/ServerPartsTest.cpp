@@ -141,7 +141,18 @@ TEST(AgentOptions, RelayAddressesAndBadArguments) {
     EXPECT_EQ(o->code, "012345");
     EXPECT_EQ(o->limit, 3);
     EXPECT_EQ(o->stateDir, "/st");
+    EXPECT_TRUE(o->name.isEmpty());
+    EXPECT_FALSE(o->allowRoot);
     EXPECT_TRUE(AgentOptions::parse({"--help"}, &error)->help);
+    auto named = AgentOptions::parse({"--relay", "r", "--secret-file", "/s", "--name", " far box ", "--allow-root"}, &error);
+    ASSERT_TRUE(named) << error.toStdString();
+    EXPECT_EQ(named->name, "far box");
+    EXPECT_TRUE(named->allowRoot);
+    // Shells as root only when asked for.
+    EXPECT_TRUE(o->mayRunAs(false, &error));
+    EXPECT_FALSE(o->mayRunAs(true, &error));
+    EXPECT_TRUE(error.contains("--allow-root")) << error.toStdString();
+    EXPECT_TRUE(named->mayRunAs(true, &error));
     const std::pair<QStringList, const char*> bad[] = {
         {{"--secret-file", "/s"}, "--relay"},
         {{"--relay", "r"}, "--secret-file"},
@@ -149,6 +160,9 @@ TEST(AgentOptions, RelayAddressesAndBadArguments) {
         {{"--relay", "r", "--secret-file", "/s", "--limit", "65"}, "--limit"},
         {{"--relay", "r", "--secret-file", "/s", "--machine-id", "a/b"}, "a/b"},
         {{"--relay", "r", "--secret-file", "/s", "--bind", "x"}, "--bind"},
+        {{"--relay", "r", "--secret-file", "/s", "--name", " "}, "--name"},
+        {{"--relay", "r", "--secret-file", "/s", "--name", "two\nlines"}, "--name"},
+        {{"--relay", "r", "--secret-file", "/s", "--name", QString(65, 'n')}, "--name"},
     };
     for (const auto& [args, mentions] : bad) {
         EXPECT_FALSE(AgentOptions::parse(args, &error)) << args.join(' ').toStdString();
@@ -181,6 +195,12 @@ TEST(AgentOptions, StateFolderAndSecretsAreKeptPrivate) {
     EXPECT_EQ(readSecretFile(secretPath, &error), secret);
     EXPECT_FALSE(readSecretFile(dir.filePath("none"), &error));
     EXPECT_TRUE(error.contains("none"));
+    // A secret other users may read is refused, on both sides.
+    ASSERT_EQ(::chmod(QFile::encodeName(secretPath).constData(), 0640), 0);
+    EXPECT_FALSE(readSecretFile(secretPath, &error));
+    EXPECT_TRUE(error.contains("chmod 600")) << error.toStdString();
+    EXPECT_FALSE(readOrMakeSecretFile(secretPath, &made, &error));
+    ASSERT_EQ(::chmod(QFile::encodeName(secretPath).constData(), 0600), 0);
 
     EXPECT_TRUE(sameSecret(*secret, *secret));
     for (const std::string& other : {std::string(), *secret + "0", secret->substr(1), "x" + secret->substr(1)})
@@ -194,6 +214,8 @@ TEST(AgentClient, RetryDelayDoublesFromOneSecondToThirtyWithJitter) {
                                                   {3, 1.2, 9600},   {4, 1.2, 19200},  {5, 1.2, 30000}};
     for (const auto& [failures, jitter, ms] : cases)
         EXPECT_EQ(AgentClient::retryDelayMs(failures, jitter), ms) << failures << " " << jitter;
+}
+
 // Who may start, with which password, on loopback and beyond it.
 TEST(ServerOptions, PasswordAndRootRulesBeyondLoopback) {
     const QString dir = ostv::test::makeTempDir();

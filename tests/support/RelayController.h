@@ -96,6 +96,15 @@ public:
         std::lock_guard l(mutex_);
         return undecodable_;
     }
+    // false: shell output is counted but not kept (a flooding shell would fill the memory).
+    void keepPtyData(bool keep) {
+        std::lock_guard l(mutex_);
+        keepPtyData_ = keep;
+    }
+    size_t ptyDataBytes() {
+        std::lock_guard l(mutex_);
+        return ptyDataBytes_;
+    }
 
     // Pairs and answers the controller id (empty when not paired).
     std::string pair(const std::string& code, const std::string& nickname) {
@@ -138,7 +147,12 @@ public:
     void quicTransportDidReceiveData(QUICTransport*, std::string_view chunk) override {
         std::lock_guard l(mutex_);
         splitter_.feed(chunk, [&](std::string_view line) {
-            if (!MessageTypeSniff::decode(line)) ++undecodable_;
+            const auto sniff = MessageTypeSniff::decode(line);
+            if (!sniff) ++undecodable_;
+            if (sniff && sniff->type == "PTY_DATA") {
+                ptyDataBytes_ += line.size();
+                if (!keepPtyData_) return;
+            }
             lines_.emplace_back(line);
         });
     }
@@ -150,6 +164,8 @@ private:
     LineSplitter splitter_;
     std::vector<std::string> lines_;
     int undecodable_ = 0;
+    bool keepPtyData_ = true;
+    size_t ptyDataBytes_ = 0;
     // Last, so that it goes first: its thread delivers data into the members above until it has stopped.
     QUICTransport transport_;
 };

@@ -59,6 +59,14 @@ void spin(int ms) {
     }
 }
 
+bool processRunning(long pid) {
+    QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (pid <= 0 || !f.open(QIODevice::ReadOnly)) return false;
+    const QByteArray stat = f.readAll();
+    const qsizetype close = stat.lastIndexOf(')');
+    return close > 0 && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
 QString makeTempDir(const QString& prefix) {
     static std::vector<std::unique_ptr<QTemporaryDir>> dirs;
     auto d = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/ostv-" + prefix + "-XXXXXX");

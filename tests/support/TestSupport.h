@@ -24,6 +24,9 @@ bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 5000);
 // Spins the event loop for the given time.
 void spin(int ms);
 
+// Whether a process still runs (a zombie waiting for a parent that will not reap it counts as ended).
+bool processRunning(long pid);
+
 // A fresh, empty folder under the test home, removed again when the test binary exits.
 QString makeTempDir(const QString& prefix = QStringLiteral("t"));
 
