@@ -81,9 +81,10 @@ ExecPlan makePlan(const PtyProcess::Options& o) {
     vars.emplace_back("PWD", plan.cwd);
     // A later entry replaces an earlier one of the same name.
     for (const auto& [k, v] : vars) {
-        const std::string entry = k + "=" + v;
+        const std::string prefix = k + "=";
+        const std::string entry = prefix + v;
         auto same = std::find_if(plan.env.begin(), plan.env.end(),
-                                 [&](const std::string& x) { return x.compare(0, k.size() + 1, k + "=") == 0; });
+                                 [&prefix](const std::string& x) { return x.compare(0, prefix.size(), prefix) == 0; });
         if (same != plan.env.end()) *same = entry;
         else plan.env.push_back(entry);
     }
