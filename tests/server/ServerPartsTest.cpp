@@ -194,6 +194,8 @@ TEST(AgentClient, RetryDelayDoublesFromOneSecondToThirtyWithJitter) {
                                                   {3, 1.2, 9600},   {4, 1.2, 19200},  {5, 1.2, 30000}};
     for (const auto& [failures, jitter, ms] : cases)
         EXPECT_EQ(AgentClient::retryDelayMs(failures, jitter), ms) << failures << " " << jitter;
+}
+
 // Who may start, with which password, on loopback and beyond it.
 TEST(ServerOptions, PasswordAndRootRulesBeyondLoopback) {
     const QString dir = ostv::test::makeTempDir();
