@@ -8,6 +8,7 @@
 #include <QUuid>
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -537,12 +538,15 @@ void Agent::onPtyOutput(Pty& p, std::string_view bytes) {
     }
 }
 
-// The full mark, unless another shell of the same client was typed into lately: then this one is bulk.
+// The full mark, unless another shell of the same client was typed into lately, and after this one
+// (a command started in one tab, then typing in another): then this one is bulk.
 size_t Agent::highWaterFor(const Pty& p) const {
+    if (!config_.typingFirst) return kOutputHighWater;
+    const qint64 mine = p.lastInput.isValid() ? p.lastInput.elapsed() : std::numeric_limits<qint64>::max();
     for (const auto& [key, other] : ptys_) {
-        if (other.get() != &p && key.first == p.clientId && other->lastInput.isValid() &&
-            other->lastInput.elapsed() < kTypingWindowMs)
-            return kBulkHighWater;
+        if (other.get() == &p || key.first != p.clientId || !other->lastInput.isValid()) continue;
+        const qint64 since = other->lastInput.elapsed();
+        if (since < kTypingWindowMs && since < mine) return kBulkHighWater;
     }
     return kOutputHighWater;
 }

@@ -36,8 +36,8 @@
 //
 // Typing first. While a client types into one of its shells, its other shells' output is bulk: it is
 // read only while the link holds at most kBulkHighWater, so the echo of a key waits behind little of
-// it in the link (the shell typed into keeps the full mark). A timer reads the bulk shells again as the
-// link drains below that mark, which the link itself does not report.
+// it in the link (the shell typed into last keeps the full mark). A timer reads the bulk shells again as the
+// link drains below that mark, which the link itself does not report. Off with AgentConfig::typingFirst.
 #include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
@@ -68,6 +68,7 @@ struct AgentConfig {
     QString shell;
     int limit = 8;
     int maxPtys = 128;  // running shells per agent, all clients together
+    bool typingFirst = true;  // false: every shell keeps the full mark, typed into or not
 };
 
 class Agent : public QObject {
