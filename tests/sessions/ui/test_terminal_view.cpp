@@ -195,6 +195,38 @@ TEST_F(TerminalViewTest, FloodPausesTheLinkUntilThePageCatchesUp) {
     EXPECT_FALSE(link.paused);
 }
 
+// A key typed while the link is paused reads on, so that its echo (behind whatever the relay queued
+// meanwhile) comes: until that tab's output arrives, within a bounded room, and never at the hard limit.
+// Everything here runs without the event loop, so the page acknowledges nothing meanwhile.
+TEST_F(TerminalViewTest, AKeyTypedWhileTheLinkIsPausedReadsOnUntilItsEchoWithinBounds) {
+    waitReady();
+    tabs({1, 2});  // 2 is shown, 1 floods
+    TerminalBridge bridge(view.get());
+    auto key = [&] { bridge.termInput(QVariantMap{{"data", "x"}, {"ptyId", 2}}); };
+    const std::string chunk = b64(QByteArray(48 * 1024, 'y').replace(80, 1, "\n"));
+    auto floodUpTo = [&](int64_t bytes) {
+        while (view->unacknowledgedBytes() + view->heldBytes() < bytes) view->writeOutput(chunk, 1);
+    };
+    floodUpTo(3 * 1024 * 1024);
+    ASSERT_TRUE(link.paused);
+    key();
+    EXPECT_EQ(link.ofType("INPUT").size(), 1u);
+    EXPECT_FALSE(link.paused) << "a key reads on";
+    view->writeOutput(chunk, 1);
+    EXPECT_FALSE(link.paused) << "until its own tab's output comes, not another's";
+    view->writeOutput(b64("x"), 2);
+    EXPECT_TRUE(link.paused) << "its echo came";
+
+    key();
+    EXPECT_FALSE(link.paused);
+    floodUpTo(TerminalView::kPauseAbove + TerminalView::kTypingRoom + 1);
+    EXPECT_TRUE(link.paused) << "the room for an echo is bounded";
+    floodUpTo(TerminalView::kHardLimit);
+    key();
+    EXPECT_TRUE(link.paused) << "no room at the hard limit";
+    EXPECT_EQ(link.ofType("INPUT").size(), 3u);
+}
+
 // A hidden tab's output waits (in this view and in the page) while the shown tab's goes first. Shown
 // again, a tab has all of it, in order, before anything newer; a tab masked while hidden still shows
 // what came before its mask.
