@@ -279,6 +279,7 @@ void Agent::forgetClientIfIdle(const std::string& clientId) {
         if (key.first == clientId) return;
     lastControllerOfClient_.erase(clientId);
     lastNicknameOfClient_.erase(clientId);
+    bulkBudget_.erase(clientId);
 }
 
 std::vector<Agent::Seat*> Agent::seatsOf(const std::string& clientId) {
@@ -531,11 +532,28 @@ void Agent::onPtyOutput(Pty& p, std::string_view bytes) {
     Seat* primary = primarySeat(p.clientId);
     if (!primary) return;
     const size_t mark = highWaterFor(p);
-    if (primary->link->pendingBytes() > mark) {
+    const bool bulk = mark < kOutputHighWater;
+    if (bulk) {
+        bulkBudgetLeft(p.clientId);  // starts a new slot when the last one is over
+        bulkBudget_[p.clientId].used += bytes.size();
+    }
+    if (primary->link->pendingBytes() > mark || (bulk && !bulkBudgetLeft(p.clientId))) {
         p.flowPaused = true;
         p.proc->setReadEnabled(false);
-        if (mark < kOutputHighWater && !bulkRecheck_.isActive()) bulkRecheck_.start();
+        if (bulk && !bulkRecheck_.isActive()) bulkRecheck_.start();
     }
+}
+
+// Bulk output of a client is also held to kBulkBytesPerSlot per kBulkSlotMs: a client reads its link as
+// fast as it comes, so the mark alone does not keep a flood from filling what the client holds ahead
+// of the next echo.
+bool Agent::bulkBudgetLeft(const std::string& clientId) {
+    BulkBudget& b = bulkBudget_[clientId];
+    if (!b.slot.isValid() || b.slot.elapsed() >= kBulkSlotMs) {
+        b.slot.start();
+        b.used = 0;
+    }
+    return b.used < kBulkBytesPerSlot;
 }
 
 // The full mark, unless another shell of the same client was typed into lately, and after this one
@@ -586,7 +604,8 @@ void Agent::recheckFlow() {
         if (!p->flowPaused) continue;
         Seat* primary = primarySeat(p->clientId);
         const size_t mark = highWaterFor(*p);
-        if (!primary || primary->link->pendingBytes() <= mark) {
+        if (!primary || (primary->link->pendingBytes() <= mark &&
+                         (mark == kOutputHighWater || bulkBudgetLeft(p->clientId)))) {
             p->flowPaused = false;
             p->proc->setReadEnabled(true);
         } else if (mark < kOutputHighWater) {

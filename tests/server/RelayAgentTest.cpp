@@ -628,6 +628,20 @@ TEST_F(RelayTest, TypingMakesTheClientsOtherShellsBulkForAWhile) {
         EXPECT_GE(std::chrono::steady_clock::now() - lastKey, std::chrono::milliseconds(Agent::kTypingWindowMs - 50));
         spin(100);
         EXPECT_LT(a->pending, Agent::kOutputHighWater + line);
+
+        // A client that reads everything at once still gets bulk output at the bulk rate only.
+        a->holdAcks = false;
+        a.ackAll();
+        a.send(input(1, "\r"));
+        spin(100);
+        const size_t before = a->output(2).size();
+        const auto t0 = std::chrono::steady_clock::now();
+        spin(500);
+        const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        const double rate = static_cast<double>(a->output(2).size() - before) / secs;
+        const double bulkRate = Agent::kBulkBytesPerSlot * 1000.0 / Agent::kBulkSlotMs;
+        EXPECT_LT(rate, 1.5 * bulkRate);
+        EXPECT_GT(rate, 0.1 * bulkRate) << "bulk output still flows";
     }
 }
 
