@@ -50,12 +50,10 @@ function decodedLength(b64) {
 // hidden ones have waited MAX_DEFER_MS), so that an echo in the shown terminal never queues behind a
 // hidden terminal's flood. Hidden terminals are not drawn; their output is complete and in order when
 // they are shown, because showing one writes the rest of its backlog first.
-// One piece at a time is handed to a hidden terminal: the terminal parses everything it was handed in
-// one task, and output for the shown terminal (an echo) waits for that task to end.
 const PIECE_BYTES = 16 * 1024;
-const HIDDEN_IN_FLIGHT = PIECE_BYTES;  // handed to hidden terminals and not yet written
+const HIDDEN_IN_FLIGHT = 64 * 1024;  // handed to hidden terminals and not yet written, so no write waits for a wake-up
 const MAX_DEFER_MS = 50;
-const pump = { scheduled: false, inFlight: 0, inFlightPeak: 0, lastPieceAt: 0, cursor: 0, deferTimer: null,
+const pump = { scheduled: false, inFlight: 0, lastPieceAt: 0, cursor: 0, deferTimer: null,
                channel: new MessageChannel() };
 pump.channel.port1.onmessage = pumpStep;
 
@@ -84,7 +82,6 @@ function pumpStep() {
     const t = terminals.get(id);
     const piece = takePiece(t);
     pump.inFlight += piece.length;
-    pump.inFlightPeak = Math.max(pump.inFlightPeak, pump.inFlight);
     t.pumped += piece.length;
     pump.lastPieceAt = performance.now();
     t.term.write(piece, () => {
@@ -368,7 +365,7 @@ function __pageState() {
   const backlog = {}, renderers = {};
   for (const [id, t] of terminals) { backlog[id] = t.backlogBytes; renderers[id] = t.renderer; }
   return { active: activeId, ids: Array.from(terminals.keys()), renderer: renderer, renderers: renderers,
-           gl: glName, stats: stats, backlog: backlog, hiddenInFlightPeak: pump.inFlightPeak,
+           gl: glName, stats: stats, backlog: backlog,
            visibility: document.visibilityState,
            masked: Array.from(terminals).filter(([, t]) => t.masked).map(([id]) => id) };
 }

@@ -245,10 +245,6 @@ TEST_F(TerminalViewTest, AHiddenTabsOutputIsCompleteAndInOrderWhenShown) {
     }
     view->writeOutput(b64("last words"), 2);
     EXPECT_GT(view->heldBytes(), 0);  // more than the page takes of hidden tabs at once
-    // The page writes hidden output meanwhile, a piece at a time: an echo in the shown tab waits for
-    // that one piece at most.
-    auto hiddenInFlightPeak = [&] { return eval("__pageState().hiddenInFlightPeak").toInt(); };
-    ASSERT_TRUE(waitUntil([&] { return hiddenInFlightPeak() > 0; }, 10000));
     view->maskTab(2, "会话已终止 (exit 0)");
     view->switchTab(1);
     view->writeOutput(b64("after the switch"), 1);
@@ -257,7 +253,6 @@ TEST_F(TerminalViewTest, AHiddenTabsOutputIsCompleteAndInOrderWhenShown) {
     EXPECT_EQ(pageText(1), expected.join('\n'));
     EXPECT_TRUE(pageShows(2, "last words"));
     EXPECT_EQ(view->heldBytes(), 0);
-    EXPECT_LE(hiddenInFlightPeak(), 16 * 1024);
 }
 
 // The shown tab floods without a break: a hidden tab's output still gets written meanwhile.
