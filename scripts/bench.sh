@@ -95,7 +95,7 @@ e2e=$(pick terminal 'shell on the local server to page' '{ print $(NF - 1) }')
 keys=$(pick terminal '^  p50 .* p99' '{ print $2 " / " $5 }')
 rss=$(pick terminal 'client RSS peak' '{ print $7 }')
 typing=$(pick terminal 'typing in the third tab' '{ print $(NF - 7) " / " $(NF - 4) }')
-p50p99='{ for (i = 1; i < NF; ++i) { if ($i == "p50") a = $(i + 1); if ($i == "p99") b = $(i + 1) } print a " / " b }'
+p50p99='{ for (i = 1; i < NF; ++i) { if ($i == "p50" && a == "") a = $(i + 1); if ($i == "p99" && b == "") b = $(i + 1) } print a " / " b }'
 typingsame=$(pick terminal '^typing, two tabs of the same agent' "$p50p99")
 typingother=$(pick terminal '^typing, two tabs of a second agent' "$p50p99")
 typingplain=$(pick terminal-plain '^typing, two tabs of the same agent flooding, server without' "$p50p99")
