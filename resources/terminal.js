@@ -160,11 +160,13 @@ function flushAcks() {
 function loadRenderer(entry) {
   // WebGL where the GPU draws it; otherwise the DOM renderer built in. Measured here: without a GPU
   // the canvas and software-WebGL renderers write output dozens of times slower than the DOM one.
+  entry.renderer = 'dom';
   if (renderer !== 'webgl') return;
   try {
     const webgl = new WebglAddon.WebglAddon();
-    webgl.onContextLoss(() => { webgl.dispose(); renderer = 'dom'; });
+    webgl.onContextLoss(() => { webgl.dispose(); renderer = 'dom'; entry.renderer = 'dom'; });
     entry.term.loadAddon(webgl);
+    entry.renderer = 'webgl';
   } catch (e) { renderer = 'dom'; }
 }
 
@@ -200,7 +202,8 @@ function createTerminal(id) {
   term.loadAddon(new Unicode11Addon.Unicode11Addon());
   term.unicode.activeVersion = '11';
   term.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => { if (bridge) bridge.openLink(uri); }));
-  const entry = { term, fit, search, el, masked: false, writes: 0, backlog: [], backlogBytes: 0, pumped: 0 };
+  const entry = { term, fit, search, el, masked: false, writes: 0, backlog: [], backlogBytes: 0, pumped: 0,
+                  renderer: 'dom' };
   terminals.set(id, entry);
   term.open(el);
   loadRenderer(entry);
@@ -359,9 +362,10 @@ function __terminalText(id) {
   return lines.join('\n');
 }
 function __pageState() {
-  const backlog = {};
-  for (const [id, t] of terminals) backlog[id] = t.backlogBytes;
-  return { active: activeId, ids: Array.from(terminals.keys()), renderer: renderer, stats: stats, backlog: backlog,
+  const backlog = {}, renderers = {};
+  for (const [id, t] of terminals) { backlog[id] = t.backlogBytes; renderers[id] = t.renderer; }
+  return { active: activeId, ids: Array.from(terminals.keys()), renderer: renderer, renderers: renderers,
+           gl: glName, stats: stats, backlog: backlog,
            visibility: document.visibilityState,
            masked: Array.from(terminals).filter(([, t]) => t.masked).map(([id]) => id) };
 }
@@ -377,12 +381,14 @@ function __startEchoProbe() {
 function __echoSamples() { return echoProbe.samples; }
 function __echoStages() { return echoProbe.stages; }
 
+let glName = '';  // what draws WebGL here ('' without WebGL), for diagnostics
 function probeRenderer() {
   try {
     const gl = document.createElement('canvas').getContext('webgl2');
     if (!gl) return 'dom';
     const info = gl.getExtension('WEBGL_debug_renderer_info');
     const name = info ? String(gl.getParameter(info.UNMASKED_RENDERER_WEBGL)) : '';
+    glName = name || 'webgl2';
     if (/swiftshader|llvmpipe|softpipe|software/i.test(name)) return 'dom';
     return 'webgl';
   } catch (e) { return 'dom'; }

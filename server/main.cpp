@@ -165,6 +165,7 @@ int main(int argc, char** argv) {
         c.homeDir = QDir::homePath();
         c.shell = shell;
         c.limit = opt.limit;
+        c.typingFirst = opt.typingFirst;
         agents.push_back(std::make_unique<Agent>(c));
         agentPtrs.push_back(agents.back().get());
     }

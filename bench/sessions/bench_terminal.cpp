@@ -1,5 +1,5 @@
 // The terminal as a user meets it: the real application window against the real local server, with
-// shells on real PTYs. Prints three sets of figures:
+// shells on real PTYs. Prints these sets of figures:
 //
 //   throughput  a shell cats a large file; bytes per second until the page has written (acknowledged)
 //               all of it, against the page's own write rate for the same bytes fed from memory in the
@@ -14,9 +14,16 @@
 //               echo p50 and p99 (targets: p50 at most 8 ms, p99 at most 20 ms), and where the time of an
 //               echo goes, stage by stage: relay (agent, its output queue and QUIC both ways), hand-off
 //               from the transport thread to the main thread, the view's queue, the bridge to the page
-//               (both ways), and the page's write.
+//               (both ways), and the page's write. Then one of the flooded tabs is shown: how long it
+//               takes to catch up, and whether its (numbered) lines are complete and in order.
+//               With --no-typing-first the server's agents give the shell typed into no priority: the
+//               client on its own (target: p99 under 50 ms); the second agent's case is left out then.
+//   renderers   the same-agent case of `typing` twice, typing into a tab of the page's own renderer and
+//               then into one of the other (DOM or WebGL), and one line comparing them. WebGL needs a GL
+//               the web engine can use: under X (-platform xcb) it has Mesa's software GL; offscreen, none.
 //
-//   bench_terminal [throughput|keystroke|memory|typing|all] [--file-mib N] [--keys N] [--flood-seconds N]
+//   bench_terminal [throughput|keystroke|memory|typing|renderers|all] [--file-mib N] [--keys N]
+//                  [--flood-seconds N] [--no-typing-first]
 //                  [--chunk-bytes N]   (of the feed from memory; default: the size the relay delivered)
 //                  [--renderer dom|webgl]  (of the terminals made after the first; default: the page's pick)
 //
@@ -24,6 +31,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTimer>
 #include <QWebEnginePage>
 #include <QWebEngineView>
@@ -63,6 +71,7 @@ struct Options {
     int floodSeconds = 60;
     int chunkBytes = 0;  // of the feed from memory; 0: the size the relay delivered
     QString renderer;    // of the terminals made after start: "dom" or "webgl"; empty: the page's own pick
+    bool typingFirst = true;  // false: the server's agents give the shell typed into no priority
 };
 
 double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
@@ -146,6 +155,7 @@ public:
     std::unique_ptr<LocalServer> server;
     std::unique_ptr<AppDelegate> app;
     int agents = 1;
+    bool typingFirst = true;
     QString pairedCode;  // of the agent the window works with
 
     bool start() {
@@ -153,7 +163,9 @@ public:
         ServerConfig::defaults().clear();
         // A plain shell: the figures are of the terminal's path, not of a login shell's start-up (which
         // takes seconds on a busy machine with a heavy profile).
-        server = std::make_unique<LocalServer>(QStringList{"--agents", QString::number(agents), "--shell", "/bin/sh"});
+        QStringList args{"--agents", QString::number(agents), "--shell", "/bin/sh"};
+        if (!typingFirst) args << QStringLiteral("--no-typing-first");
+        server = std::make_unique<LocalServer>(args);
         if (!server->start()) return fail("the local server did not start: " + server->errorString());
         ServerConfig::setString(SettingsKey::serverHost, server->host());
         ServerConfig::setInteger(SettingsKey::serverQuicPort, server->quicPort());
@@ -487,9 +499,14 @@ void printStages(const StageFigures& s) {
     one("page write (queue and parse)", s.pageWrite);
 }
 
+QString rendererOf(Bench& b, int64_t id) {
+    return b.eval(QStringLiteral("__pageState().renderers[%1]").arg(id)).toString();
+}
+
 // Types into tab `typing` of the bench's window while something else floods; prints one line of figures
-// under `label` and the stages.
-bool typeDuringFlood(Bench& b, int64_t typing, const char* label, int keys, const std::function<int64_t()>& written) {
+// under `label` and the stages. Answers the echo times (none when no echo was timed).
+std::optional<Spread> typeDuringFlood(Bench& b, int64_t typing, const QString& label, int keys,
+                                      const std::function<int64_t()>& written) {
     b.view()->switchTab(typing);
     b.type(typing, QStringLiteral("cat\r"));
     spin(1500);  // the flood is at full speed by now
@@ -499,7 +516,11 @@ bool typeDuringFlood(Bench& b, int64_t typing, const char* label, int keys, cons
     std::mt19937 jitter(7);
     const int64_t written0 = written();
     const auto t0 = Clock::now();
+    std::vector<double> queuedAtPausedKeys;  // MiB this view had to write when a key found reading paused
     for (int i = 0; i < keys; ++i) {
+        if (b.view()->receivePaused())
+            queuedAtPausedKeys.push_back(static_cast<double>(b.view()->unacknowledgedBytes() + b.view()->heldBytes()) /
+                                         (1024.0 * 1024.0));
         b.type(typing, (i % 60 == 59) ? QStringLiteral("\r") : QString(QChar('a' + i % 26)));
         spin(30 + static_cast<int>(jitter() % 20));  // not in step with any timer
     }
@@ -514,12 +535,19 @@ bool typeDuringFlood(Bench& b, int64_t typing, const char* label, int keys, cons
     const Spread all = spread(samples);
     const double max = samples.empty() ? 0 : *std::max_element(samples.begin(), samples.end());
     std::printf("typing, %s: p50 %.2f ms  p99 %.2f ms  max %.2f ms  (%zu echoes of %d keys; target p50 <= 8, p99 <= 20)\n",
-                label, all.p50, all.p99, max, all.n, keys);
+                label.toLocal8Bit().constData(), all.p50, all.p99, max, all.n, keys);
     std::printf("  flood output written by the pages meanwhile: %.1f MB (%.1f MB/s)\n", static_cast<double>(bytes) / 1e6,
                 static_cast<double>(bytes) / 1e6 / secs);
-    std::printf("  stages of an echo (renderer %s):\n", b.eval("__pageState().renderer").toString().toLocal8Bit().constData());
+    const Spread queued = spread(queuedAtPausedKeys);
+    std::printf("  keys typed while this view had paused reading: %zu of %d (its queue then: p50 %.2f MiB, p99 %.2f MiB)\n",
+                queued.n, keys, queued.p50, queued.p99);
+    std::printf("  stages of an echo (renderer of the tab typed into: %s):\n", rendererOf(b, typing).toLocal8Bit().constData());
     printStages(stages);
-    return all.n > 0 || b.fail("no echo was timed");
+    if (all.n == 0) {
+        b.fail("no echo was timed");
+        return std::nullopt;
+    }
+    return all;
 }
 
 // Waits until a view has nothing of its output left to write (after a flood was stopped).
@@ -536,27 +564,77 @@ bool drained(TerminalView* v, int timeoutMs = 60000) {
         timeoutMs);
 }
 
-bool typing(Bench& b, const Options& o) {
-    const int keys = std::min(o.keys, 300);
+// The text of a tab that ran `yes ... | cat -n`: are its numbered lines consecutive (none missing, none
+// out of order)? Answers how many there are, or -1 (and where) when not.
+int64_t numberedLinesInOrder(const QString& text, QString* where) {
+    static const QRegularExpression numbered(QStringLiteral("^\\s*(\\d+)\\s+ostvarren flood"));
+    int64_t count = 0, last = -1;
+    for (const QString& line : text.split(QLatin1Char('\n'))) {
+        const QRegularExpressionMatch m = numbered.match(line);  // not the command, ^C or the prompt
+        if (!m.hasMatch()) continue;
+        const int64_t n = m.captured(1).toLongLong();
+        if (last >= 0 && n != last + 1) {
+            *where = QStringLiteral("%1 after %2").arg(n).arg(last);
+            return -1;
+        }
+        last = n;
+        ++count;
+    }
+    return count;
+}
+
+// Three tabs of the bench's window: two to flood and one to type into (the last).
+struct ThreeTabs {
+    int64_t floodA = -1, floodB = -1, typed = -1;
+};
+std::optional<ThreeTabs> threeTabs(Bench& b) {
     QList<int64_t> tabs = b.view()->tabIds();
     while (tabs.size() < 3) {
-        const int64_t id = b.newTab(QStringLiteral("tab-%1").arg(tabs.size() + 1));
-        if (id < 0) return false;
+        if (b.newTab(QStringLiteral("tab-%1").arg(tabs.size() + 1)) < 0) return std::nullopt;
         tabs = b.view()->tabIds();
     }
-    const int64_t typed = tabs.last();
-    const int64_t floodA = tabs.at(0), floodB = tabs.at(1);
+    return ThreeTabs{tabs.at(0), tabs.at(1), tabs.last()};
+}
 
-    // Two other tabs of the same agent.
-    b.view()->switchTab(typed);
-    for (int64_t id : {floodA, floodB}) b.type(id, kFloodCommand);
-    bool ok = typeDuringFlood(b, typed, "two tabs of the same agent flooding", keys,
-                              [&] { return b.view()->acknowledgedBytesTotal(); });
-    for (int64_t id : {floodA, floodB}) b.type(id, QStringLiteral("\x03"));
+// Typing into tab `into` while the two flood tabs of the same agent flood; the second one numbers its
+// lines, to be checked when shown.
+std::optional<Spread> sameAgentPass(Bench& b, const ThreeTabs& t, int64_t into, const QString& label, int keys) {
+    b.view()->switchTab(into);
+    b.type(t.floodA, kFloodCommand);
+    b.type(t.floodB, kFloodCommand.chopped(1) + QStringLiteral(" | cat -n\r"));
+    auto f = typeDuringFlood(b, into, label, keys, [&] { return b.view()->acknowledgedBytesTotal(); });
+    for (int64_t id : {t.floodA, t.floodB}) b.type(id, QStringLiteral("\x03"));
+    return f;
+}
+
+bool typing(Bench& b, const Options& o) {
+    const int keys = std::min(o.keys, 300);
+    const auto tabs = threeTabs(b);
+    if (!tabs) return false;
+    const int64_t typed = tabs->typed, floodB = tabs->floodB;
+    const QString server = b.typingFirst ? QString() : QStringLiteral(", server without typing first");
+
+    const bool first = sameAgentPass(b, *tabs, typed, QStringLiteral("two tabs of the same agent flooding") + server, keys)
+                           .has_value();
+    // The numbered tab is shown at once: whatever this view and the page still hold of it comes first.
+    spin(200);
     const auto t0 = Clock::now();
+    b.view()->switchTab(floodB);
     if (!drained(b.view())) return b.fail("the flooded tabs never caught up");
-    std::printf("  after the flood: the hidden tabs caught up in %.2f s\n", secondsSince(t0));
-    if (!ok) return false;
+    const double caughtUp = secondsSince(t0);
+    b.type(floodB, QStringLiteral("echo end-$((6*7))\r"));
+    if (!waitUntil([&] { return b.pageText(floodB).contains(QStringLiteral("end-42")); }, 20000))
+        return b.fail("the flooded tab does not answer after the flood");
+    QString where;
+    const int64_t lines = numberedLinesInOrder(b.pageText(floodB), &where);
+    if (lines > 0)
+        std::printf("  a flooded tab, shown after the flood: caught up in %.2f s, complete and in order (%lld numbered lines)\n",
+                    caughtUp, static_cast<long long>(lines));
+    else
+        std::printf("  a flooded tab, shown after the flood: caught up in %.2f s, NOT complete and in order (%s)\n",
+                    caughtUp, lines < 0 ? where.toLocal8Bit().constData() : "no numbered lines");
+    if (!first || lines <= 0) return false;
+    if (!b.typingFirst) return true;  // what the client does alone: the second agent adds nothing here
 
     // Two tabs of a second agent, in a second window with its own link (another controller of the
     // same server), typing in the first window meanwhile.
@@ -575,13 +653,45 @@ bool typing(Bench& b, const Options& o) {
     if (!waitUntil([&] { return ov->tabIds().size() == 2; }, 20000)) return b.fail("no second shell on the second agent");
     spin(1000);
     for (int64_t id : ov->tabIds()) b.type(id, kFloodCommand, ov);
-    ok = typeDuringFlood(b, typed, "two tabs of a second agent flooding", keys,
-                         [&] { return ov->acknowledgedBytesTotal(); });
+    const bool ok = typeDuringFlood(b, typed, QStringLiteral("two tabs of a second agent flooding"), keys,
+                                    [&] { return ov->acknowledgedBytesTotal(); })
+                        .has_value();
     for (int64_t id : ov->tabIds()) b.type(id, QStringLiteral("\x03"), ov);
     drained(ov);
     otherLink.disconnect();
     other.reset();
     return ok;
+}
+
+// The same-agent pass twice: typing into a tab drawn by the page's own pick of renderer, then into one
+// drawn by the other (the flooded tabs are not drawn while hidden). WebGL needs a GL the web engine can
+// use (under X: -platform xcb; the offscreen platform has none): without, the second tab says so.
+bool renderers(Bench& b, const Options& o) {
+    const int keys = std::min(o.keys, 300);
+    const auto tabs = threeTabs(b);
+    if (!tabs) return false;
+    const QString mine = rendererOf(b, tabs->typed);
+    const auto first = sameAgentPass(b, *tabs, tabs->typed, QStringLiteral("two tabs of the same agent flooding, renderer ") + mine, keys);
+    if (!first || !drained(b.view())) return b.fail("the first renderer's pass failed");
+    const QString wanted = mine == QLatin1String("webgl") ? QStringLiteral("dom") : QStringLiteral("webgl");
+    const QString before = b.eval("renderer").toString();
+    b.eval(QStringLiteral("renderer = '%1'").arg(wanted));
+    const int64_t other = b.newTab(QStringLiteral("renderer-") + wanted);
+    b.eval(QStringLiteral("renderer = '%1'").arg(before));
+    if (other < 0) return false;
+    const QString got = rendererOf(b, other);
+    const auto second = sameAgentPass(b, *tabs, other, QStringLiteral("two tabs of the same agent flooding, renderer ") + got, keys);
+    if (!second || !drained(b.view())) return b.fail("the second renderer's pass failed");
+    const QString gl = b.eval("__pageState().gl").toString();
+    std::printf("renderers compared, typing while two tabs flood:  %s p50 %.2f ms p99 %.2f ms", mine.toLocal8Bit().constData(),
+                first->p50, first->p99);
+    if (got == wanted)
+        std::printf("  %s p50 %.2f ms p99 %.2f ms", got.toLocal8Bit().constData(), second->p50, second->p99);
+    else
+        std::printf("  %s did not start (a second %s tab: p50 %.2f ms p99 %.2f ms)", wanted.toLocal8Bit().constData(),
+                    got.toLocal8Bit().constData(), second->p50, second->p99);
+    std::printf("  (WebGL here: %s)\n", gl.isEmpty() ? "none" : gl.toLocal8Bit().constData());
+    return true;
 }
 
 }  // namespace
@@ -609,19 +719,23 @@ int main(int argc, char** argv) {
         else if (arg == "--keys") ok = number(o.keys);
         else if (arg == "--flood-seconds") ok = number(o.floodSeconds);
         else if (arg == "--chunk-bytes") ok = number(o.chunkBytes);
+        else if (arg == "--no-typing-first") o.typingFirst = false;
         else if (arg == "--renderer" && i + 1 < args.size() && (args[i + 1] == "dom" || args[i + 1] == "webgl")) o.renderer = args[++i];
-        else if (arg == "throughput" || arg == "keystroke" || arg == "memory" || arg == "typing" || arg == "all") o.what = arg;
+        else if (arg == "throughput" || arg == "keystroke" || arg == "memory" || arg == "typing" || arg == "renderers" ||
+                 arg == "all")
+            o.what = arg;
         else ok = false;
         if (!ok) {
             std::fprintf(stderr,
-                         "usage: bench_terminal [throughput|keystroke|memory|typing|all] [--file-mib N] [--keys N] "
-                         "[--flood-seconds N] [--chunk-bytes N] [--renderer dom|webgl]\n");
+                         "usage: bench_terminal [throughput|keystroke|memory|typing|renderers|all] [--file-mib N] [--keys N] "
+                         "[--flood-seconds N] [--chunk-bytes N] [--renderer dom|webgl] [--no-typing-first]\n");
             return 2;
         }
     }
 
     Bench b;
     if (o.what == "all" || o.what == "typing") b.agents = 2;
+    b.typingFirst = o.typingFirst;
     bool ok = b.start();
     if (ok && !o.renderer.isEmpty()) b.eval(QStringLiteral("renderer = '%1'").arg(o.renderer));
     if (ok) {
@@ -630,6 +744,7 @@ int main(int argc, char** argv) {
         if (ok && (o.what == "all" || o.what == "throughput")) ok = throughput(b, o);
         if (ok && (o.what == "all" || o.what == "memory")) ok = memory(b, o);
         if (ok && (o.what == "all" || o.what == "typing")) ok = typing(b, o);
+        if (ok && o.what == "renderers") ok = renderers(b, o);
     }
     std::fflush(stdout);
     b.stop();

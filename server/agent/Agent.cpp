@@ -8,6 +8,7 @@
 #include <QUuid>
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -278,6 +279,7 @@ void Agent::forgetClientIfIdle(const std::string& clientId) {
         if (key.first == clientId) return;
     lastControllerOfClient_.erase(clientId);
     lastNicknameOfClient_.erase(clientId);
+    bulkBudget_.erase(clientId);
 }
 
 std::vector<Agent::Seat*> Agent::seatsOf(const std::string& clientId) {
@@ -530,19 +532,39 @@ void Agent::onPtyOutput(Pty& p, std::string_view bytes) {
     Seat* primary = primarySeat(p.clientId);
     if (!primary) return;
     const size_t mark = highWaterFor(p);
-    if (primary->link->pendingBytes() > mark) {
+    const bool bulk = mark < kOutputHighWater;
+    if (bulk) {
+        bulkBudgetLeft(p.clientId);  // starts a new slot when the last one is over
+        bulkBudget_[p.clientId].used += bytes.size();
+    }
+    if (primary->link->pendingBytes() > mark || (bulk && !bulkBudgetLeft(p.clientId))) {
         p.flowPaused = true;
         p.proc->setReadEnabled(false);
-        if (mark < kOutputHighWater && !bulkRecheck_.isActive()) bulkRecheck_.start();
+        if (bulk && !bulkRecheck_.isActive()) bulkRecheck_.start();
     }
 }
 
-// The full mark, unless another shell of the same client was typed into lately: then this one is bulk.
+// Bulk output of a client is also held to kBulkBytesPerSlot per kBulkSlotMs: a client reads its link as
+// fast as it comes, so the mark alone does not keep a flood from filling what the client holds ahead
+// of the next echo.
+bool Agent::bulkBudgetLeft(const std::string& clientId) {
+    BulkBudget& b = bulkBudget_[clientId];
+    if (!b.slot.isValid() || b.slot.elapsed() >= kBulkSlotMs) {
+        b.slot.start();
+        b.used = 0;
+    }
+    return b.used < kBulkBytesPerSlot;
+}
+
+// The full mark, unless another shell of the same client was typed into lately, and after this one
+// (a command started in one tab, then typing in another): then this one is bulk.
 size_t Agent::highWaterFor(const Pty& p) const {
+    if (!config_.typingFirst) return kOutputHighWater;
+    const qint64 mine = p.lastInput.isValid() ? p.lastInput.elapsed() : std::numeric_limits<qint64>::max();
     for (const auto& [key, other] : ptys_) {
-        if (other.get() != &p && key.first == p.clientId && other->lastInput.isValid() &&
-            other->lastInput.elapsed() < kTypingWindowMs)
-            return kBulkHighWater;
+        if (other.get() == &p || key.first != p.clientId || !other->lastInput.isValid()) continue;
+        const qint64 since = other->lastInput.elapsed();
+        if (since < kTypingWindowMs && since < mine) return kBulkHighWater;
     }
     return kOutputHighWater;
 }
@@ -582,7 +604,8 @@ void Agent::recheckFlow() {
         if (!p->flowPaused) continue;
         Seat* primary = primarySeat(p->clientId);
         const size_t mark = highWaterFor(*p);
-        if (!primary || primary->link->pendingBytes() <= mark) {
+        if (!primary || (primary->link->pendingBytes() <= mark &&
+                         (mark == kOutputHighWater || bulkBudgetLeft(p->clientId)))) {
             p->flowPaused = false;
             p->proc->setReadEnabled(true);
         } else if (mark < kOutputHighWater) {

@@ -36,8 +36,10 @@
 //
 // Typing first. While a client types into one of its shells, its other shells' output is bulk: it is
 // read only while the link holds at most kBulkHighWater, so the echo of a key waits behind little of
-// it in the link (the shell typed into keeps the full mark). A timer reads the bulk shells again as the
-// link drains below that mark, which the link itself does not report.
+// it in the link (the shell typed into last keeps the full mark), and at most kBulkBytesPerSlot of it per
+// kBulkSlotMs, so that what the client holds ahead of the next echo does not grow faster than it shows
+// it. A timer reads the bulk shells again as the link drains below that mark and the next slot begins,
+// which the link itself does not report. Off with AgentConfig::typingFirst.
 #include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
@@ -68,6 +70,7 @@ struct AgentConfig {
     QString shell;
     int limit = 8;
     int maxPtys = 128;  // running shells per agent, all clients together
+    bool typingFirst = true;  // false: every shell keeps the full mark, typed into or not
 };
 
 class Agent : public QObject {
@@ -76,6 +79,8 @@ public:
     static constexpr size_t kOutputHighWater = 256 * 1024;
     static constexpr size_t kBulkHighWater = 32 * 1024;
     static constexpr int kTypingWindowMs = 2000;  // input this recent makes the client's other shells bulk
+    static constexpr int kBulkSlotMs = 20;
+    static constexpr size_t kBulkBytesPerSlot = 20 * 1024;  // about 1 MiB/s of bulk output per client
     static constexpr size_t kBacklogBytes = 64 * 1024;
     static constexpr size_t kMaxListing = 20000;  // directory entries in one "fs_result"
     // Directories are listed on worker threads: at most this many at once per agent (one that hangs
@@ -147,6 +152,7 @@ private:
     void flushBacklogs(Seat& s);
     void recheckFlow();
     size_t highWaterFor(const Pty& p) const;
+    bool bulkBudgetLeft(const std::string& clientId);
     void resumeInputWriters(Pty& p);
     std::unique_ptr<Pty> takePty(const PtyKey& key);
 
@@ -157,6 +163,11 @@ private:
     std::map<std::string, std::string> lastNicknameOfClient_;
     uint64_t nextSeq_ = 1;
     QTimer bulkRecheck_;
+    struct BulkBudget {
+        QElapsedTimer slot;
+        size_t used = 0;
+    };
+    std::map<std::string, BulkBudget> bulkBudget_;  // per client
     std::shared_ptr<std::atomic<int>> listingsRunning_ = std::make_shared<std::atomic<int>>(0);
 };
 

@@ -53,6 +53,8 @@ QString ServerOptions::usage() {
         "  --name NAME         host name the agent list shows, as NAME#1, NAME#2... (default: this\n"
         "                      machine's host name)\n"
         "  --exit-with-parent  stop (as on SIGTERM) when the process that started the server ends\n"
+        "  --no-typing-first   no priority for the shell being typed into: a client's other shells keep\n"
+        "                      sending at full rate meanwhile (for comparison)\n"
         "  --help              show this text\n"
         "\n"
         "Signals: SIGINT or SIGTERM stop the server, hanging up its shells. SIGUSR1 stops only the relay\n"
@@ -85,6 +87,10 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
         }
         if (name == "--allow-root") {
             o.allowRoot = true;
+            continue;
+        }
+        if (name == "--no-typing-first") {
+            o.typingFirst = false;
             continue;
         }
         static const QStringList withValue = {"--bind", "--quic-port", "--admin-port", "--user", "--password",

@@ -25,6 +25,7 @@ struct ServerOptions {
     QString agentSecretFile;         // empty: agent-secret in the state folder
     QString name;                    // the agents' host name in the list; empty: this machine's
     bool exitWithParent = false;     // stop when the process that started the server ends
+    bool typingFirst = true;         // --no-typing-first: the agents treat every shell's output alike
     bool help = false;
 
     static constexpr int kMaxAgents = 64;

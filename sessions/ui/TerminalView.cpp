@@ -343,6 +343,7 @@ void TerminalView::closeTab(int64_t ptyId) {
     if (index < 0) return;
     tabPtyIds.removeAt(index);
     run(QStringLiteral("removeTerminal(%1)").arg(ptyId));
+    if (awaitingEcho_ == ptyId) awaitingEcho_ = 0;  // no echo will come
     dropHeld(ptyId);
     forgetUnacked(ptyId);
     if (auto it = tabItems.find(ptyId); it != tabItems.end()) {
@@ -370,6 +371,7 @@ void TerminalView::removeAllTabs() {
     pendingOutputs.clear();  // nothing queued for a terminal that no longer exists
     held_.clear();
     heldTotal_ = 0;
+    awaitingEcho_ = 0;
     for (auto& [id, n] : std::map<int64_t, int64_t>(unackedPerPty_)) forgetUnacked(id);
     updatePause();
     updateTabBar();
@@ -395,6 +397,10 @@ QString TerminalView::escapeForScript(const QString& text) {
 void TerminalView::maskTab(int64_t ptyId, const QString& message) {
     releaseHeld(ptyId);  // its last words are shown under the mask
     terminatedTabs.insert(ptyId);
+    if (awaitingEcho_ == ptyId) {
+        awaitingEcho_ = 0;  // no echo will come
+        updatePause();
+    }
     run(QStringLiteral("maskTerminal(%1,'%2')").arg(ptyId).arg(escapeForScript(message)));
     if (auto it = tabItems.find(ptyId); it != tabItems.end()) {
         const auto title = tabTitles.find(ptyId);
@@ -523,12 +529,12 @@ void TerminalView::dropHeld(int64_t ptyId) {
     updatePause();
 }
 
-// The link stops reading while the page and this view together have more than kPauseAbove to write.
+// The link stops reading while the page and this view together have more than kPauseAbove to write, or
+// kHardLimit while an echo is awaited.
 void TerminalView::updatePause() {
     const int64_t queued = unacked_ + heldTotal_;
-    if (queued >= kHardLimit) awaitingEcho_ = 0;
-    const int64_t room = awaitingEcho_ != 0 ? kTypingRoom : 0;
-    const bool pause = receivePaused_ ? queued >= kResumeBelow + room : queued > kPauseAbove + room;
+    const bool pause = awaitingEcho_ != 0 ? (receivePaused_ ? queued >= kEchoResumeBelow : queued >= kHardLimit)
+                                          : (receivePaused_ ? queued >= kResumeBelow : queued > kPauseAbove);
     if (pause == receivePaused_) return;
     receivePaused_ = pause;
     if (auto* l = link_.get()) l->setReceivePaused(pause);
@@ -567,11 +573,9 @@ void TerminalView::onInput(int64_t ptyId, const QString& data) {
     m.data = data.toStdString();
     l->send(m);
     trace::mark(trace::Stage::inputSent, ptyId);
-    if (receivePaused_ && unacked_ + heldTotal_ < kHardLimit) {
-        // The echo is behind whatever the relay queued while the link was paused: read on until it comes.
-        awaitingEcho_ = ptyId;
-        updatePause();
-    }
+    // Its echo is behind whatever the relay queued meanwhile: read on until it comes.
+    awaitingEcho_ = ptyId;
+    updatePause();
 }
 
 void TerminalView::onResize(int64_t ptyId, int64_t cols, int64_t rows) {

@@ -129,10 +129,12 @@ public:
     static constexpr int64_t kResumeBelow = kPauseAbove - 128 * 1024;
     // Output of tabs not shown that the page may have at once (it writes that in the shown tab's gaps).
     static constexpr int64_t kBackgroundInPage = 256 * 1024;
-    // A key typed while the link is paused reads on until that tab's output (the echo) has come, with this
-    // much more room, unless the view already holds kHardLimit.
-    static constexpr int64_t kTypingRoom = 2 * 1024 * 1024;
+    // While a key waits for its echo (that tab's next output), the link reads on up to kHardLimit: the echo
+    // is behind whatever the relay queued meanwhile, and the page writes hidden tabs' output only slowly,
+    // so a fixed room above the usual mark fills up after a few keys and then holds every echo until the
+    // page has caught up. At the limit reading stops, and goes on again kEchoResumeBelow under it.
     static constexpr int64_t kHardLimit = 8 * 1024 * 1024;
+    static constexpr int64_t kEchoResumeBelow = kHardLimit - 256 * 1024;
 
     // Every script call the view issues, in order (diagnostics and tests; bounded).
     std::function<void(const QString&)> scriptObserver;
@@ -200,7 +202,7 @@ private:
     int64_t heldTotal_ = 0;
     int64_t lastFed_ = 0;  // the PTY fed last, for turns among the held ones
     QTimer feedTimer_;
-    int64_t awaitingEcho_ = 0;  // the PTY typed into while the link was paused, until its output comes
+    int64_t awaitingEcho_ = 0;  // the PTY typed into last, until its output comes
 };
 
 }  // namespace ostv

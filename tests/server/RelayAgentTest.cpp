@@ -1,6 +1,7 @@
 // The relay and agent logic driven in-process through fake controller links, with real shells.
 #include <QDir>
 #include <QFile>
+#include <chrono>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -45,6 +46,7 @@ protected:
             c.homeDir = home;
             c.shell = QStringLiteral("/bin/sh");
             c.limit = limit;
+            c.typingFirst = typingFirst;
             agents.push_back(std::make_unique<Agent>(c));
             raw.push_back(agents.back().get());
         }
@@ -107,6 +109,7 @@ protected:
     }
 
     QString home;
+    bool typingFirst = true;
     std::vector<std::unique_ptr<Agent>> agents;
     std::unique_ptr<Relay> relay;
 };
@@ -628,6 +631,60 @@ TEST_F(RelayTest, FloodingShellIsHeldBackByASlowControllerAndResumesWhenItDrains
     size_t mark = a->lines.size();
     a.send(input(1, "echo done$((9*9))\r"));
     EXPECT_TRUE(a->waitOutput(1, "done81", mark, 10000));
+}
+
+// While a client types into one shell, its other shells stop at the bulk mark, even one typed into a
+// moment before; the shell typed into last keeps the full mark. Once the typing is over, the flood goes
+// on to the full mark, with nobody draining the link. Without typing first, the flood goes to the full
+// mark while the other shell is typed into.
+TEST_F(RelayTest, TypingMakesTheClientsOtherShellsBulkForAWhile) {
+    const size_t line = PtyProcess::kReadChunk * 4 / 3 + 256;  // one read of a shell, as sent
+    for (bool on : {false, true}) {
+        typingFirst = on;
+        build(1, 8);
+        Peer a;
+        pair(a, "alice");
+        a->holdAcks = true;
+        a.send(create(1, "client-a"));
+        a.send(create(2, "client-a"));
+        // The flood starts when the other shell is typed into.
+        a.send(input(2, "stty -echo; while [ ! -e go ]; do sleep 0.02; done; yes flood\r"));
+        spin(100);
+        a.send(input(1, "echo typed$((6*7)); touch go\r"));
+        ASSERT_TRUE(a->waitOutput(1, "typed42")) << on;
+        if (!on) {
+            EXPECT_TRUE(waitUntil([&] { return a->pending > Agent::kOutputHighWater; }, Agent::kTypingWindowMs - 500));
+            continue;
+        }
+        ASSERT_TRUE(waitUntil([&] { return a->pending > Agent::kBulkHighWater; }, 5000));
+        a.send(input(1, "\r"));  // typing on
+        spin(300);
+        EXPECT_LT(a->pending, Agent::kBulkHighWater + line) << "a bulk shell stops at the bulk mark";
+        const size_t mark = a->lines.size();
+        a.send(input(1, "head -c 100000 /dev/zero | tr '\\0' a; echo again$((6*7))\r"));
+        const auto lastKey = std::chrono::steady_clock::now();
+        EXPECT_TRUE(a->waitOutput(1, "again42", mark, 1000)) << "the shell typed into is held at the bulk mark";
+        EXPECT_LT(a->pending, Agent::kOutputHighWater);
+        // The flood goes on once the last key is older than the window.
+        ASSERT_TRUE(waitUntil([&] { return a->pending > Agent::kOutputHighWater; }, Agent::kTypingWindowMs + 3000));
+        EXPECT_GE(std::chrono::steady_clock::now() - lastKey, std::chrono::milliseconds(Agent::kTypingWindowMs - 50));
+        spin(100);
+        EXPECT_LT(a->pending, Agent::kOutputHighWater + line);
+
+        // A client that reads everything at once still gets bulk output at the bulk rate only.
+        a->holdAcks = false;
+        a.ackAll();
+        a.send(input(1, "\r"));
+        spin(100);
+        const size_t before = a->output(2).size();
+        const auto t0 = std::chrono::steady_clock::now();
+        spin(500);
+        const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        const double rate = static_cast<double>(a->output(2).size() - before) / secs;
+        const double bulkRate = Agent::kBulkBytesPerSlot * 1000.0 / Agent::kBulkSlotMs;
+        EXPECT_LT(rate, 1.5 * bulkRate);
+        EXPECT_GT(rate, 0.1 * bulkRate) << "bulk output still flows";
+    }
 }
 
 TEST_F(RelayTest, ControllerWhoseTypingPilesUpIsPausedUntilTheShellTakesIt) {

@@ -195,6 +195,42 @@ TEST_F(TerminalViewTest, FloodPausesTheLinkUntilThePageCatchesUp) {
     EXPECT_FALSE(link.paused);
 }
 
+// A key reads on while its echo is awaited: the echo is behind whatever the relay queued meanwhile. It
+// reads on until that tab's output arrives, up to the hard limit, and again as soon as the page has
+// written a little of that (not only once it is back under the usual mark). Up to the last part nothing
+// runs the event loop, so the page acknowledges nothing meanwhile.
+TEST_F(TerminalViewTest, AKeyReadsOnUntilItsEchoComesUpToTheHardLimit) {
+    waitReady();
+    tabs({1, 2});  // 2 is shown, 1 floods
+    TerminalBridge bridge(view.get());
+    auto key = [&] { bridge.termInput(QVariantMap{{"data", "x"}, {"ptyId", 2}}); };
+    const std::string chunk = b64(QByteArray(48 * 1024, 'y').replace(80, 1, "\n"));
+    auto queued = [&] { return view->unacknowledgedBytes() + view->heldBytes(); };
+    auto floodUpTo = [&](int64_t bytes) {
+        while (queued() < bytes) view->writeOutput(chunk, 1);
+    };
+    floodUpTo(3 * 1024 * 1024);
+    ASSERT_TRUE(link.paused);
+    key();
+    EXPECT_EQ(link.ofType("INPUT").size(), 1u);
+    EXPECT_FALSE(link.paused) << "a key reads on";
+    view->writeOutput(chunk, 1);
+    EXPECT_FALSE(link.paused) << "until its own tab's output comes, not another's";
+    view->writeOutput(b64("x"), 2);
+    EXPECT_TRUE(link.paused) << "its echo came";
+
+    key();
+    floodUpTo(TerminalView::kHardLimit - 64 * 1024);
+    EXPECT_FALSE(link.paused);
+    floodUpTo(TerminalView::kHardLimit);
+    EXPECT_TRUE(link.paused) << "never past the hard limit";
+    key();
+    EXPECT_TRUE(link.paused);
+    ASSERT_TRUE(waitUntil([&] { return !link.paused; }, 30000)) << "the page never wrote anything";
+    EXPECT_GT(queued(), TerminalView::kPauseAbove) << "an awaited echo reads on as soon as there is room";
+    EXPECT_EQ(link.ofType("INPUT").size(), 3u);
+}
+
 // A hidden tab's output waits (in this view and in the page) while the shown tab's goes first. Shown
 // again, a tab has all of it, in order, before anything newer; a tab masked while hidden still shows
 // what came before its mask.
