@@ -17,9 +17,6 @@ constexpr const char kPriority[] =
     "-GROUP-ALL:+GROUP-SECP256R1:+GROUP-X25519:+GROUP-SECP384R1:+GROUP-SECP521R1:%DISABLE_TLS13_COMPAT_MODE";
 constexpr size_t kMaxDatagram = NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE;  // the largest UDP payload
 constexpr size_t kLoopbackDatagram = 16384;
-// The client's link is kept alive by a PING after this much silence, well inside the idle time-out:
-// before pairing (and while the user reads the takeover chooser) nothing else is sent either way.
-constexpr ngtcp2_duration kKeepAlive = 5 * NGTCP2_SECONDS;
 constexpr size_t kServerCidLen = 18;
 
 QuicEngine* self(void* userData) { return static_cast<QuicEngine*>(userData); }
@@ -64,10 +61,9 @@ void commonSettings(ngtcp2_settings& s, const sockaddr* remote) {
         // MTU; the handshake itself still goes in standard-sized datagrams (datagramLimit).
         s.max_tx_udp_payload_size = kLoopbackDatagram;
         s.no_tx_udp_payload_size_shaping = 1;
-    } else {
-        // Real paths: datagrams start at 1200 bytes and grow as path-MTU discovery confirms larger ones.
-        s.no_pmtud = 0;
     }
+    // Real paths keep the library's defaults: datagrams start at 1200 bytes and grow as its path-MTU
+    // discovery (on unless switched off) confirms larger ones.
 }
 
 void commonParams(ngtcp2_transport_params& p) {
@@ -189,9 +185,8 @@ bool QuicEngine::startClient(const sockaddr* local, socklen_t localLen, const so
         error = std::string("QUIC set-up failed: ") + ngtcp2_strerror(rv);
         return false;
     }
-    ngtcp2_conn_set_keep_alive_timeout(conn_, kKeepAlive);
-    if (!setupTls(false, serverName, nullptr, error)) return false;
     if (keepAliveMs > 0) ngtcp2_conn_set_keep_alive_timeout(conn_, keepAliveMs * NGTCP2_MILLISECONDS);
+    if (!setupTls(false, serverName, nullptr, error)) return false;
     flush();
     return !closed_;
 }

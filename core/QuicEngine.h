@@ -68,9 +68,10 @@ public:
 
     // The protocols offered (client: normally one) or accepted (server); set before start.
     std::vector<std::string> alpns{kRelayAlpn};
-    // Client: the connection is kept alive by a probe after this long without traffic (0: none); set
-    // before start.
-    uint64_t keepAliveMs = 0;
+    // Client: a PING goes out after this long without traffic (0: none), well inside the idle time-out.
+    // Before pairing, and while the user reads the takeover chooser, nothing else is sent either way,
+    // so the default keeps such a link alive. Set before start.
+    uint64_t keepAliveMs = 5000;
     // The protocol agreed in the handshake, empty before.
     std::string selectedAlpn() const;
 

@@ -179,6 +179,18 @@ QMenu* UserCell::makeContextMenu(QWidget* parent) {
         },
         Qt::QueuedConnection);
     menu->addSeparator();
+    if (!user.isSelf) {
+        // Another client's shell is not ours to close or delete: it can only be taken over (the
+        // workspace asks first), as its row's button does.
+        QAction* takeOver = menu->addAction(QStringLiteral("⇄ 接管会话"));
+        connect(
+            takeOver, &QAction::triggered, qApp,
+            [user, delegate] {
+                if (auto* d = delegate.get()) d->userCellDidClickKick(user);
+            },
+            Qt::QueuedConnection);
+        return menu;
+    }
     QAction* close = menu->addAction(QStringLiteral("✕ 关闭会话"));
     connect(
         close, &QAction::triggered, qApp,

@@ -1,6 +1,6 @@
 #pragma once
 // One session row of the resource panel: avatar, name, a close ("kick") button shown on hover, and
-// the context menu to edit, close or delete the session.
+// the context menu to edit, close or delete the session (another client's: to take it over).
 #include <QLabel>
 #include <QMenu>
 #include <QToolButton>
@@ -40,7 +40,8 @@ public:
     void setActiveSession(bool active);
     bool isActiveSession() const { return isActiveSession_; }
 
-    // The row's context menu (built fresh each time; the caller owns it).
+    // The row's context menu (built fresh each time; the caller owns it): edit the variables, then close
+    // and delete on this client's own rows, or take over on another client's.
     QMenu* makeContextMenu(QWidget* parent);
     // Asks "确认删除会话？" and tells the delegate only on "删除".
     void confirmAndDelete();

@@ -295,10 +295,9 @@ void SessionController::closeAndCleanupPty(int64_t ptyId) {
 }
 
 bool SessionController::releasePty(int64_t ptyId) {
-    // Only a session still held as live: one that was closed already, or whose shell has ended (its
-    // tab masked), is no longer ours on the agent, and the number may well be another client's there.
-    if (activeSessions.erase(ptyId) == 0) return false;
-    if (hasTab(ptyId) && terminal_->isTabTerminated(ptyId)) return false;
+    // Only a session still held as live: one that was closed already, or whose shell has ended, is no
+    // longer ours on the agent, and the number may well be another client's there.
+    if (activeSessions.erase(ptyId) == 0 || endedPtys.count(ptyId)) return false;
     if (!link_) return false;
     link_->closePty(ptyId);
     return true;
@@ -317,10 +316,12 @@ void SessionController::removeTabOf(int64_t ptyId) {
 void SessionController::forgetLinkSessions() {
     activeSessions.clear();
     otherSessions.clear();
+    endedPtys.clear();
     pendingEnvCommands.reset();
 }
 
 void SessionController::didReceivePtyExit(int64_t ptyId, int64_t exitCode) {
+    endedPtys.insert(ptyId);
     if (pendingSetup.count(ptyId)) {
         cleanupSetup(ptyId);
         activeSessions.erase(ptyId);
@@ -335,6 +336,7 @@ void SessionController::didReceivePtyExit(int64_t ptyId, int64_t exitCode) {
 }
 
 void SessionController::didReceivePtyError(int64_t ptyId, const QString& reason) {
+    endedPtys.insert(ptyId);
     if (pendingSetup.count(ptyId)) {
         cleanupSetup(ptyId);
         activeSessions.erase(ptyId);
@@ -346,13 +348,14 @@ void SessionController::didReceivePtyError(int64_t ptyId, const QString& reason)
 }
 
 void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
+    const QString clientId = ClientIdentity::getOrCreate();
+    const auto isMine = [&clientId](const PtyInfo& p) { return QString::fromStdString(p.clientId) == clientId; };
+    // A shell of ours seen ending stays ended: a list asked for before the end still calls it running.
     std::vector<PtyInfo> running;
     for (const PtyInfo& p : ptys)
-        if (p.state == "running") running.push_back(p);
+        if (p.state == "running" && !(isMine(p) && endedPtys.count(p.ptyId))) running.push_back(p);
 
-    const QString clientId = ClientIdentity::getOrCreate();
     const QString nickname = userNickname();
-    const auto isMine = [&clientId](const PtyInfo& p) { return QString::fromStdString(p.clientId) == clientId; };
     // Another client is named by its client id, or by its controller when it gave none.
     const auto ownerOf = [](const PtyInfo& p) {
         return QString::fromStdString(p.clientId.empty() ? p.controllerId : p.clientId);
@@ -363,7 +366,7 @@ void SessionController::didReceivePtyList(const std::vector<PtyInfo>& ptys) {
     for (const PtyInfo& p : running) {
         if (!isMine(p))
             otherSessions[otherSessionRowId(p.ptyId, ownerOf(p))] = {p.ptyId, QString::fromStdString(p.cwd)};
-        else if (!(hasTab(p.ptyId) && terminal_->isTabTerminated(p.ptyId)))  // seen ending: a list from before
+        else
             activeSessions[p.ptyId] = QString::fromStdString(p.cwd);
     }
     // A list asked for before a session was created does not know it yet (the agent answers in order);

@@ -11,6 +11,7 @@
 #include <QTimer>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "Message.h"
@@ -58,6 +59,9 @@ public:
         QString cwd;
     };
     std::map<QString, OtherSession> otherSessions;
+    // This client's PTYs the agent reported ended (exit or error) on the current link. Their numbers are
+    // no longer ours there: they are never closed, and a list from before the end does not revive them.
+    std::set<int64_t> endedPtys;
     QHash<QString, QString> controllerNicknames;
     QHash<QString, QString> controllerNicknameHistory;
     bool pendingAutoCreate = false;
@@ -88,8 +92,8 @@ public:
     // Forgets one of this client's sessions and asks the agent to close its PTY: at most once per
     // session, and never for one that has ended. Answers whether "CLOSE_PTY" was asked for.
     bool releasePty(int64_t ptyId);
-    // Everything known about sessions on the current link (ours and other clients'), and the
-    // environment lines waiting for the first session: they belong to that link and agent only.
+    // Everything known about sessions on the current link (ours, ended ones and other clients'), and
+    // the environment lines waiting for the first session: they belong to that link and agent only.
     void forgetLinkSessions();
     static std::optional<int64_t> parsePtyId(const QString& rowId);
     // The row id of another client's shell: "pty-" + id + "@" + that client, never one of ours.

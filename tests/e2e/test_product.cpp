@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QClipboard>
 #include <QDir>
 #include <QFile>
 #include <QImage>
@@ -327,6 +328,69 @@ TEST_F(Product, SignInPairTypeAddASessionWithAVariableCloseIt) {
     EXPECT_TRUE(waitUntil([&] { return w->resourcePanelView->users().size() == 1; }, 15000));
     typeInto(id, "echo st''ill\r");
     EXPECT_TRUE(shows(id, "\nstill"));
+}
+
+TEST_F(Product, ControlKeysReachTheShellWhileCopyAndPasteKeepTheirKeys) {
+    // Keys go in as the keyboard sends them: to the window, through its shortcuts, to the focused widget.
+    QWidget* window = app->window();
+    window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window));
+    const auto press = [&](Qt::Key key, Qt::KeyboardModifiers mods = Qt::NoModifier) {
+        QTest::keyClick(window->windowHandle(), key, mods);
+    };
+    // In a line field of the window the Edit keys still select, copy and paste.
+    auto* login = qobject_cast<LoginViewController*>(app->currentScreen());
+    ASSERT_NE(login, nullptr);
+    const QString user = login->userField->text();
+    ASSERT_FALSE(user.isEmpty());
+    login->userField->setFocus();
+    press(Qt::Key_A, Qt::ControlModifier);
+    press(Qt::Key_C, Qt::ControlModifier);
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), user);
+    press(Qt::Key_End);
+    press(Qt::Key_V, Qt::ControlModifier);
+    EXPECT_EQ(login->userField->text(), user + user);
+    login->userField->setText(user);
+
+    ASSERT_NO_FATAL_FAILURE(signIn());
+    const int64_t id = pairAgent(0);
+    ASSERT_GE(id, 1);
+    MainViewController* w = workspace();
+    window->activateWindow();  // the connect panel had it; with no window manager it does not come back
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window));
+    w->terminalView->focus();
+    const auto inTerminal = [&] {
+        for (QWidget* f = QApplication::focusWidget(); f; f = f->parentWidget())
+            if (f == w->terminalView->webView()) return true;
+        return false;
+    };
+    ASSERT_TRUE(waitUntil(inTerminal, 5000));
+    // Ctrl+C interrupts the program in the terminal and Ctrl+Z suspends it: the prompt comes back at once.
+    typeInto(id, "echo sle''eping; sleep 100\r");
+    ASSERT_TRUE(shows(id, "\nsleeping")) << pageText(id).toStdString();
+    spin(300);
+    press(Qt::Key_C, Qt::ControlModifier);
+    typeInto(id, "echo back-after-''int\r");
+    EXPECT_TRUE(shows(id, "\nback-after-int")) << pageText(id).toStdString();
+    typeInto(id, "echo sle''eping again; sleep 100\r");
+    ASSERT_TRUE(shows(id, "\nsleeping again")) << pageText(id).toStdString();
+    spin(300);
+    press(Qt::Key_Z, Qt::ControlModifier);
+    EXPECT_TRUE(shows(id, "Stopped")) << pageText(id).toStdString();
+    typeInto(id, "echo back-after-''stop\r");
+    EXPECT_TRUE(shows(id, "\nback-after-stop")) << pageText(id).toStdString();
+    // The terminal copies a selection with Ctrl+Shift+C and pastes with Ctrl+Shift+V.
+    QGuiApplication::clipboard()->clear();
+    w->terminalView->webView()->page()->runJavaScript(QStringLiteral("terminals.get(%1).term.selectAll()").arg(id));
+    spin(200);
+    press(Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+    EXPECT_TRUE(waitUntil([&] { return QGuiApplication::clipboard()->text().contains("back-after-stop"); }, 5000))
+        << QGuiApplication::clipboard()->text().toStdString();
+    QGuiApplication::clipboard()->setText("echo pas''ted-ok");
+    press(Qt::Key_V, Qt::ControlModifier | Qt::ShiftModifier);
+    ASSERT_TRUE(shows(id, "echo pas''ted-ok")) << pageText(id).toStdString();
+    press(Qt::Key_Return);
+    EXPECT_TRUE(shows(id, "\npasted-ok")) << pageText(id).toStdString();
 }
 
 TEST_F(Product, ToolFromTheTreesMenuAgentsSwitchedWithoutACodeThenLogOut) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QPointer>
+#include <tuple>
 
 #include "ConnectPanelViewController.h"
 #include "EnvStore.h"
@@ -265,6 +266,30 @@ TEST_F(ConnectPanelFixture, EnvironmentRowsAreSavedForTheDirectoryAndComeBack) {
     open(ConnectPanelMode::newSession("123456", QString("/srv/app"), QString("linux"), QString("m1")));
     ASSERT_EQ(panel->envRows.size(), 1);
     EXPECT_EQ(panel->envRows[0].valueField->text(), "http://x y");
+    // "编辑环境变量" on the session (the workspace names it by the directory the agent lists) shows them,
+    // "删除会话（含环境变量）" removes them under the key the workspace computes; the same for a path typed
+    // with "~" and a trailing "/".
+    for (const auto& [home, typed, listed] : {std::tuple{"/srv/app", "/srv/app/ ", "/srv/app"},
+                                              std::tuple{"/home/u", " ~/web/", "/home/u/web"}}) {
+        delete panel.data();
+        open(ConnectPanelMode::newSession("123456", QString(home), QString("linux"), QString("m1")));
+        if (panel->envRows.isEmpty()) panel->onAddEnvRow();
+        panel->envRows[0].keyField->setText("WHERE");
+        panel->envRows[0].valueField->setText(listed);
+        panel->pathField->setText(typed);
+        panel->onConfirm();
+        panel->pathValidated(true);
+        delete panel.data();
+        open(ConnectPanelMode::editSession("123456", listed, QString("linux"), QString("m1")));
+        ASSERT_EQ(panel->envRows.size(), 1) << typed;
+        EXPECT_EQ(panel->envRows[0].valueField->text(), listed);
+        delete panel.data();
+        const auto sessionKey = EnvStore::sessionStorageKey("m1", listed, home);
+        ASSERT_TRUE(sessionKey);
+        EnvStore::remove(*sessionKey);
+        open(ConnectPanelMode::editSession("123456", listed, QString("linux"), QString("m1")));
+        EXPECT_TRUE(panel->envRows.isEmpty()) << typed;
+    }
     // Adding a host has no directory yet, so nothing is loaded or saved.
     delete panel.data();
     open(ConnectPanelMode::newHost());

@@ -203,10 +203,21 @@ TEST_F(ResourcePanelFixture, RowClicksAndMenuReachTheWorkspace) {
     items[0]->trigger();
     items[1]->trigger();
     // The rows are rebuilt before the queued choices run: they still arrive.
-    panel.setUsers({session(1, "api"), session(2, "web")}, 8);
+    panel.setUsers({session(1, "api"), session(2, "web"), session(2, "web (bob)", false)}, 8);
     ASSERT_TRUE(test::waitUntil([&] { return !workspace.closed.isEmpty(); }));
     EXPECT_EQ(workspace.edited, QStringList({"pty-2"}));
     EXPECT_EQ(workspace.closed, QStringList({"pty-2"}));
+
+    // Another client's row offers no close or delete, only what applies: its variables and a takeover.
+    std::unique_ptr<QMenu> other(panel.userCells()[2]->makeContextMenu(&panel));
+    QStringList texts;
+    for (QAction* a : other->actions())
+        if (!a->isSeparator()) texts << a->text();
+    ASSERT_EQ(texts, QStringList({"⚙ 编辑环境变量…", "⇄ 接管会话"}));
+    other->actions().last()->trigger();
+    ASSERT_TRUE(test::waitUntil([&] { return workspace.kicked.size() == 2; }));
+    EXPECT_EQ(workspace.closed, QStringList({"pty-2"}));
+    EXPECT_TRUE(workspace.deleted.isEmpty());
 }
 
 TEST_F(ResourcePanelFixture, DeleteGoesThroughOnlyWhenConfirmed) {

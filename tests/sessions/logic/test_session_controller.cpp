@@ -222,6 +222,37 @@ TEST_F(SessionControllerTest, ClosingTheLastTabShowsThePlaceholderAndRefreshesTh
     ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == 4; }, 2000));
 }
 
+TEST_F(SessionControllerTest, OneClosePerSessionAndNoneForAPtyThatHasEnded) {
+    const QString me = ClientIdentity::getOrCreate();
+    std::vector<int64_t> ids;
+    for (const char* path : {"/a", "/b", "/c", "/d"}) {
+        ids.push_back(openAndWaitForSetup(path));
+        c.didReceiveOutput(b64("__OSTVARREN_READY__"), ids.back());
+    }
+    const int64_t closed = ids[0], exited = ids[1], failed = ids[2], live = ids[3];
+    // Closed from the panel: the controller's own close, then the view's tab-closed hand-off.
+    c.closeAndCleanupPty(closed);
+    c.releasePty(closed);
+    // One shell ends and its tab is closed (the view drops the tab and its "terminated" mark before it
+    // tells the workspace); another fails. A list asked for before that still names both as running,
+    // and their rows are closed from the panel.
+    c.didReceivePtyExit(exited, 0);
+    terminal.tabs.removeAll(exited);
+    terminal.masks.erase(exited);
+    EXPECT_FALSE(c.releasePty(exited));
+    c.didReceivePtyError(failed, "gone");
+    std::vector<PtyInfo> stale;
+    for (int64_t id : {exited, failed, live}) stale.push_back({id, "/x", "running", "c-me", me.toStdString()});
+    c.didReceivePtyList(stale);
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{live, "/x"}}));
+    EXPECT_EQ(list.users.size(), 1);  // only the live one is listed
+    c.closeAndCleanupPty(exited);
+    c.closeAndCleanupPty(failed);
+    c.closeAndCleanupPty(live);
+    c.releasePty(live);
+    EXPECT_EQ(link.closed, (std::vector<int64_t>{closed, live}));
+}
+
 TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
     const QString me = ClientIdentity::getOrCreate();
     ServerConfig::setString(SettingsKey::lastNickname, "alice");
