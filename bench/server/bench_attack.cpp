@@ -149,8 +149,9 @@ std::string guess(const QHostAddress& from, quint16 port, const std::string& cod
     return answer;
 }
 
-// A paired controller through the client's own transport, with the times its output arrives.
-class Controller : public QUICTransportDelegate {
+// A paired controller through the client's own transport, with the times its output arrives. A
+// QObject: the transport hands its states and data only to a delegate it can watch for going away.
+class Controller : public QObject, public QUICTransportDelegate {
 public:
     Controller(const LocalServer& s, const std::string& code)
         : t_(s.host(), s.quicPort(), QStringLiteral("ctrl-") + QString::fromStdString(code)) {
@@ -220,7 +221,6 @@ public:
     void quicTransportDidEncounterError(QUICTransport*, const QUICTransportError&) override {}
 
 private:
-    QUICTransport t_;
     std::atomic<QUICTransportState::Kind> kind_{QUICTransportState::Kind::setup};
     std::atomic<bool> paired_{false};
     std::atomic<size_t> keys_{0};
@@ -228,6 +228,7 @@ private:
     LineSplitter splitter_{64 * 1024 * 1024};
     std::string output_;
     std::vector<std::pair<std::string, Clock::time_point>> fsLines_;
+    QUICTransport t_;  // last: its thread delivers into the members above until it has stopped
 };
 
 double signInMs(QNetworkAccessManager& nam, const LocalServer& s, bool* ok) {
