@@ -4,9 +4,14 @@
 // and at full swarm (linear growth: the two agree), its CPU while the controllers type, and the typing
 // echo round trip.
 //
+// Each agent dials from a loopback address of its own (127.0.x.y: its control connection and its
+// seat connections alike) and each controller from another one, as agents on separate machines
+// would: the relay's cap on connections from one address does not come into it.
+//
 //   bench_agent_swarm [agents, default 500] [controllers, default 100] [seconds of typing, default 20]
 #include <QCoreApplication>
 #include <QFile>
+#include <QHostAddress>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <algorithm>
@@ -63,6 +68,13 @@ struct Typist {
     int lost = 0;
 };
 
+std::string tail(const std::string& s) { return s.substr(s.size() > 3000 ? s.size() - 3000 : 0); }
+
+// The i-th address of a block of loopback addresses: 127.<block>.<1 + i / 250>.<1 + i % 250>.
+QHostAddress loopbackSource(int block, int i) {
+    return QHostAddress(QStringLiteral("127.%1.%2.%3").arg(block).arg(1 + i / 250).arg(1 + i % 250));
+}
+
 long percentile(std::vector<long> v, double p) {
     if (v.empty()) return -1;
     std::sort(v.begin(), v.end());
@@ -113,6 +125,7 @@ int main(int argc, char** argv) {
             o.agent.homeDir = dir.path();
             o.agent.shell = "/bin/sh";
             swarm.push_back(std::make_unique<AgentClient>(o, [] { return std::pair<double, double>{1.0, 2.0}; }));
+            swarm.back()->setProperty(QuicClient::kSourceAddressProperty, loopbackSource(1, i).toString());
             swarm.back()->onRegistered = [&registered] { ++registered; };
             swarm.back()->start();
             if (swarm.size() % 25 == 0) spin(50);
@@ -120,14 +133,16 @@ int main(int argc, char** argv) {
     };
     grow(agents / 2);
     if (!waitUntil([&] { return registered >= agents / 2; }, 60000)) {
-        std::fprintf(stderr, "only %d of %d agents registered\n", registered, agents / 2);
+        std::fprintf(stderr, "only %d of %d agents registered; the relay said:\n%s\n", registered, agents / 2,
+                     tail(relay.output()).c_str());
         return 1;
     }
     spin(2500);  // a status round from each
     rssHalf = rssKb(relay.pid());
     grow(agents);
     if (!waitUntil([&] { return registered >= agents; }, 60000)) {
-        std::fprintf(stderr, "only %d of %d agents registered\n", registered, agents);
+        std::fprintf(stderr, "only %d of %d agents registered; the relay said:\n%s\n", registered, agents,
+                     tail(relay.output()).c_str());
         return 1;
     }
     spin(2500);
@@ -173,7 +188,11 @@ int main(int argc, char** argv) {
                 }
             }
         };
-        tp->c->dial(addresses.front(), "ctrl-" + tp->code, nullptr);
+        std::string error;
+        if (!tp->c->dial(addresses.front(), "ctrl-" + tp->code, &error, loopbackSource(2, i))) {
+            std::fprintf(stderr, "controller %d cannot dial: %s\n", i, error.c_str());
+            return 1;
+        }
         ts.push_back(std::move(t));
         if (ts.size() % 20 == 0) spin(50);
     }
