@@ -97,7 +97,7 @@ echolisting=$(pick attack 'typing echo meanwhile' '{ print $(NF - 3) }')
 rootline=$(pick attack '^  exit ' '{ print $2 }')
 leaked=$(pick attack 'inherited secrets visible' '{ print $4 }')
 
-row() { printf '  %-52s %-18s %s\n' "$1" "${2:--}" "$3"; }
+row() { printf '  %-60s %-20s %s\n' "$1" "${2:--}" "$3"; }
 echo
 echo "Figures ($(nproc) cores; full outputs in $logs)"
 row "figure" "measured" "target"

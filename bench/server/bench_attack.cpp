@@ -195,7 +195,11 @@ public:
             const size_t before = keys_.load();
             const auto t0 = Clock::now();
             type("k");
-            if (waitUntil([&] { return keys_.load() > before; }, 2000)) samples.push_back(msSince(t0));
+            // Timed where the echo arrives (the transport's thread), not when this busy loop sees it.
+            if (waitUntil([&] { return keys_.load() > before; }, 2000))
+                samples.push_back(
+                    std::chrono::duration<double, std::milli>(Clock::time_point(Clock::duration(lastKeyAt_.load())) - t0)
+                        .count());
             else samples.push_back(2000);
             spin(gapMs);
         }
@@ -215,7 +219,10 @@ public:
             auto m = Message::decode(line);
             if (!m || !m->data) return;
             const std::string bytes = QByteArray::fromBase64(QByteArray::fromStdString(*m->data)).toStdString();
-            keys_ += static_cast<size_t>(std::count(bytes.begin(), bytes.end(), 'k'));
+            if (const auto k = std::count(bytes.begin(), bytes.end(), 'k')) {
+                lastKeyAt_ = Clock::now().time_since_epoch().count();
+                keys_ += static_cast<size_t>(k);
+            }
             output_ += bytes;
         });
     }
@@ -225,6 +232,7 @@ private:
     std::atomic<QUICTransportState::Kind> kind_{QUICTransportState::Kind::setup};
     std::atomic<bool> paired_{false};
     std::atomic<size_t> keys_{0};
+    std::atomic<Clock::rep> lastKeyAt_{0};
     std::mutex m_;
     LineSplitter splitter_{64 * 1024 * 1024};
     std::string output_;
