@@ -512,7 +512,10 @@ int main(int argc, char** argv) {
             const auto t0 = Clock::now();
             p.start("ip", {"netns", "exec", ns, qEnvironmentVariable("OSTV_SERVER_BIN"), "--bind", "10.98.0.1",
                            "--quic-port", "0", "--admin-port", "0"});
-            p.waitForFinished(10000);
+            if (!p.waitForFinished(10000)) {  // it did not refuse: it must not outlive its namespace
+                p.kill();
+                p.waitForFinished(2000);
+            }
             const QString said = QString::fromLocal8Bit(p.readAll()).trimmed();
             std::printf("  exit %d after %.0f ms, %lld line(s): %s\n", p.exitCode(), msSince(t0),
                         static_cast<long long>(said.split('\n').size()), said.toLocal8Bit().constData());
