@@ -7,6 +7,14 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Remote terminals on many machines through one relay")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# Staged with DESTDIR under the real prefix, so that what the install writes into files (the units'
+# ExecStart) names /usr/bin and not the staging folder. dpkg-shlibdeps (dpkg-dev) and file work out
+# each package's library dependencies.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
+# Installing and packaging need the three programs built, not every test and benchmark: "cmake --install"
+# and cpack do not build the whole tree first (build the programs, then package them).
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL client server agent)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -23,6 +23,7 @@ PACKAGES=(
   fonts-noto-cjk fonts-noto-color-emoji fonts-dejavu-core
   clang libclang-rt-14-dev
   iproute2 procps jq
+  dpkg-dev file
 )
 
 missing=()

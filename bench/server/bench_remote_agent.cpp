@@ -1,9 +1,12 @@
 // Through the relay to an agent on another machine (the ostvarren-agent program) against a built-in
 // agent of the same relay, in one run, over loopback: shell output throughput (`yes` in a real shell,
-// the client reading as fast as it can) and the keystroke round trip (a key typed, its echo back).
-// Then the remote flood with the client not reading: the relay's and the agent's memory must stay flat.
+// the client reading as fast as it can) and the keystroke round trip (a key typed into `cat`, its echo
+// back). The relay answers latency_ping itself, so a ping never reaches an agent: the keystroke echo
+// is the round trip through the agent. Then a flood on the remote agent, first with the client
+// reading and then with it not reading: the relay's, the agent's and the client's memory stay flat.
 //
-//   bench_remote_agent [seconds of flood per agent, default 5] [keystrokes per agent, default 300]
+//   bench_remote_agent [seconds of throughput per agent, default 5] [keystrokes per agent, default 300]
+//                      [seconds of each flood, default 60]
 #include <QCoreApplication>
 #include <QFile>
 #include <QTemporaryDir>
@@ -14,6 +17,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "LineSplitter.h"
@@ -71,7 +75,9 @@ public:
         const auto t0 = Clock::now();
         send(in);
         if (!waitUntil([&] { return echoes_ > before; }, 2000)) return -1;
-        return static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count());
+        // The time the echo reached the transport's thread, not the time this loop saw it.
+        const Clock::time_point at{Clock::duration(lastEcho_.load())};
+        return static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(at - t0).count());
     }
     size_t bytes() const { return bytes_; }
     void setReadPaused(bool paused) { t_.setReadPaused(paused); }
@@ -85,7 +91,10 @@ public:
             auto t = MessageTypeSniff::decode(line);
             if (!t) return;
             if (t->type == "paired") paired_ = true;
-            if (t->type == "PTY_DATA" && line.find("\"pty_id\":2") != std::string_view::npos) ++echoes_;
+            if (t->type == "PTY_DATA" && line.find("\"pty_id\":2") != std::string_view::npos) {
+                lastEcho_ = Clock::now().time_since_epoch().count();
+                ++echoes_;
+            }
         });
     }
     void quicTransportDidEncounterError(QUICTransport*, const QUICTransportError&) override {}
@@ -96,6 +105,7 @@ private:
     std::atomic<bool> paired_{false};
     std::atomic<size_t> bytes_{0};
     std::atomic<size_t> echoes_{0};
+    std::atomic<Clock::rep> lastEcho_{0};
     std::mutex m_;
     LineSplitter splitter_;
     QUICTransport t_;  // last: its thread delivers into the members above until it has stopped
@@ -155,6 +165,7 @@ int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const int keys = argc > 2 ? std::max(10, std::atoi(argv[2])) : 300;
+    const int floodSeconds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 60;
 
     QTemporaryDir dir;
     const QString secret = dir.filePath("agent-secret");
@@ -176,13 +187,15 @@ int main(int argc, char** argv) {
 
     Probe builtIn(relay, "111111"), remote(relay, "222222");
     if (!builtIn.pair() || !remote.pair()) {
-        std::fprintf(stderr, "not paired\n");
+        const std::string out = relay.output();
+        std::fprintf(stderr, "not paired; the relay said:\n%s\n", out.substr(out.size() > 3000 ? out.size() - 3000 : 0).c_str());
         return 1;
     }
     const Figures b = measure(builtIn, seconds, keys);
     const Figures r = measure(remote, seconds, keys);
 
-    std::printf("remote agent vs built-in agent through one relay, loopback, %d s flood, %d keystrokes each\n",
+    std::printf("remote agent vs built-in agent through one relay, loopback, %d s flood, %d keystrokes each\n"
+                "(the relay answers latency_ping itself: the round trip through an agent is a keystroke's echo)\n",
                 seconds, keys);
     std::printf("  built-in throughput %.1f MB/s, keystroke echo p50 %ld us p99 %ld us (%d lost)\n", b.mbPerSec, b.p50,
                 b.p99, b.lost);
@@ -191,19 +204,34 @@ int main(int argc, char** argv) {
     std::printf("remote/built-in throughput ratio %.2f\n", b.mbPerSec > 0 ? r.mbPerSec / b.mbPerSec : 0.0);
     std::printf("remote keystroke round trip p50 %ld us p99 %ld us\n", r.p50, r.p99);
 
-    // The client stops reading while `yes` runs on the remote agent.
-    const long relayBefore = rssKb(relay.pid()), agentBefore = rssKb(agent.pid());
-    long relayPeak = relayBefore, agentPeak = agentBefore;
-    remote.setReadPaused(true);
-    remote.shell(3, "stty -echo; exec yes ostvarren-flood-line");
-    for (int waited = 0; waited < seconds * 2000; waited += 250) {
-        spin(250);
-        relayPeak = std::max(relayPeak, rssKb(relay.pid()));
-        agentPeak = std::max(agentPeak, rssKb(agent.pid()));
-    }
-    remote.setReadPaused(false);
-    std::printf("remote flood, client not reading for %d s: relay RSS +%ld KiB, agent RSS +%ld KiB\n", seconds * 2,
-                relayPeak - relayBefore, agentPeak - agentBefore);
+    // A flood on the remote agent, the client reading it all, then the same with the client not
+    // reading: peak resident memory of each process over its level before the flood.
+    const pid_t self = ::getpid();
+    auto flood = [&](int64_t pty, bool reading) {
+        remote.setReadPaused(!reading);
+        const long relay0 = rssKb(relay.pid()), agent0 = rssKb(agent.pid()), client0 = rssKb(self);
+        long relayPeak = relay0, agentPeak = agent0, clientPeak = client0;
+        const size_t bytes0 = remote.bytes();
+        const auto t0 = Clock::now();
+        remote.shell(pty, "stty -echo; exec yes ostvarren-flood-line");
+        while (Clock::now() - t0 < std::chrono::seconds(floodSeconds)) {
+            spin(250);
+            relayPeak = std::max(relayPeak, rssKb(relay.pid()));
+            agentPeak = std::max(agentPeak, rssKb(agent.pid()));
+            clientPeak = std::max(clientPeak, rssKb(self));
+        }
+        std::printf("remote flood, client %s for %d s: relay RSS +%ld KiB, agent RSS +%ld KiB, client RSS +%ld KiB"
+                    " (%.1f MB read)\n",
+                    reading ? "reading" : "not reading", floodSeconds, relayPeak - relay0, agentPeak - agent0,
+                    clientPeak - client0, static_cast<double>(remote.bytes() - bytes0) / 1e6);
+        Message close("CLOSE_PTY");
+        close.ptyId = pty;
+        remote.send(close);
+        remote.setReadPaused(false);
+        spin(500);
+    };
+    flood(3, true);
+    flood(4, false);
     builtIn.close();
     remote.close();
     agent.stop();

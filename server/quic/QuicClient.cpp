@@ -1,6 +1,7 @@
 #include "QuicClient.h"
 
 #include <QPointer>
+#include <QVariant>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -70,11 +71,40 @@ QuicClient::~QuicClient() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-bool QuicClient::dial(const DialAddress& to, const std::string& serverName, std::string* error) {
+bool QuicClient::dial(const DialAddress& to, const std::string& serverName, std::string* error, const QHostAddress& from) {
     serverName_ = QString::fromStdString(serverName);
     peerAddress_ = addressText(to.addr);
+    QHostAddress source = from;
+    for (const QObject* o = parent(); source.isNull() && o; o = o->parent())
+        if (const QVariant v = o->property(kSourceAddressProperty); v.isValid()) source = QHostAddress(v.toString());
     fd_ = ::socket(to.addr.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&to.addr), to.len) != 0) {
+    if (fd_ < 0) {
+        if (error) *error = "cannot open a UDP socket to " + peerAddress_.toStdString() + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!source.isNull()) {
+        sockaddr_storage local{};
+        socklen_t localLen = 0;
+        if (to.addr.ss_family == AF_INET && source.protocol() == QAbstractSocket::IPv4Protocol) {
+            auto* in = reinterpret_cast<sockaddr_in*>(&local);
+            in->sin_family = AF_INET;
+            in->sin_addr.s_addr = htonl(source.toIPv4Address());
+            localLen = sizeof *in;
+        } else if (to.addr.ss_family == AF_INET6 && source.protocol() == QAbstractSocket::IPv6Protocol) {
+            auto* in6 = reinterpret_cast<sockaddr_in6*>(&local);
+            in6->sin6_family = AF_INET6;
+            const Q_IPV6ADDR a = source.toIPv6Address();
+            std::memcpy(&in6->sin6_addr, &a, sizeof a);
+            localLen = sizeof *in6;
+        }
+        if (localLen == 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&local), localLen) != 0) {
+            if (error)
+                *error = "cannot dial " + peerAddress_.toStdString() + " from " + source.toString().toStdString() + ": " +
+                         (localLen == 0 ? std::string("not the same address family") : std::string(std::strerror(errno)));
+            return false;
+        }
+    }
+    if (::connect(fd_, reinterpret_cast<const sockaddr*>(&to.addr), to.len) != 0) {
         if (error) *error = "cannot open a UDP socket to " + peerAddress_.toStdString() + ": " + std::strerror(errno);
         return false;
     }

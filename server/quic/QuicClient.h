@@ -1,6 +1,7 @@
 #pragma once
 // A QUIC connection dialled out from this program (an agent to its relay): its own UDP socket, one
 // client-opened stream of lines. Lives on the thread that creates it.
+#include <QHostAddress>
 #include <QSocketNotifier>
 #include <QTimer>
 #include <memory>
@@ -33,8 +34,14 @@ public:
     std::string alpn = kAgentAlpn;
     // Starts the handshake to `to`; onEstablished once the stream is
     // usable, onClosed (from the event loop) if it never gets there or once it ends. False with
-    // *error when not even the socket could be set up.
-    bool dial(const DialAddress& to, const std::string& serverName, std::string* error);
+    // *error when not even the socket could be set up (or bound to `from`).
+    //
+    // `from` is the local address to dial from (any free port on it). When it is null, the
+    // kSourceAddressProperty of the nearest owner that has one is used (so that many agents in one
+    // process, each owning its connections, can each come from an address of its own: 127.0.x.y on
+    // loopback); when none has one, the system picks as usual.
+    bool dial(const DialAddress& to, const std::string& serverName, std::string* error, const QHostAddress& from = {});
+    static constexpr const char* kSourceAddressProperty = "quicSourceAddress";
     bool isEstablished() const { return engine_ && engine_->isEstablished() && !closed_; }
 
     QString serverName() const override { return serverName_; }
