@@ -141,7 +141,7 @@ void AgentClient::openSeat(const AgentWire& request) {
         std::string client;
         if (!req.takeOver.empty()) agent_.kick(req.takeOver, req.by, &client);
         const std::string id = agent_.admit(link, req.nickname.empty() ? "未命名" : req.nickname, client);
-        link->onLine = [this, id, link](std::string_view line) {
+        link->onLine = [this, id](std::string_view line) {
             auto m = Message::decode(line);
             if (!m) {
                 Logger::error("agent: undecodable line from controller " + id + ": " + logSafe(m.error(), 120));
