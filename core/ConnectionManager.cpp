@@ -82,6 +82,7 @@ void ConnectionManager::connect(const Host&, const std::string& code, std::optio
     {
         std::lock_guard lock(pauseMutex_);
         applyReadPause(quicTransport_.get());
+        quicTransport_->setReadNarrowed(uiNarrowed_);
     }
     quicTransport_->connect();
     Logger::info("Connecting with code: " + code);
@@ -211,6 +212,12 @@ void ConnectionManager::lineReceived(QUICTransport* t, uint64_t gen, std::string
 // Called with pauseMutex_ held, so the last value handed to the transport is always the current one.
 void ConnectionManager::applyReadPause(QUICTransport* t) {
     if (t) t->setReadPaused(uiPaused_ || backlogPaused_);
+}
+
+void ConnectionManager::setReceiveNarrowed(bool narrowed) {
+    std::lock_guard lock(pauseMutex_);
+    uiNarrowed_ = narrowed;
+    if (quicTransport_) quicTransport_->setReadNarrowed(narrowed);
 }
 
 void ConnectionManager::setReceivePaused(bool paused) {

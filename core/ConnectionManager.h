@@ -97,6 +97,7 @@ public:
     bool isLinkConnected() const override { return state_.isConnected(); }
     QString agentHomeDir() const override;
     void setReceivePaused(bool paused) override;
+    void setReceiveNarrowed(bool narrowed) override;
 
     // QUICTransportDelegate
     void quicTransportDidChangeState(QUICTransport* t, const QUICTransportState& state) override;
@@ -134,6 +135,7 @@ private:
     std::mutex pauseMutex_;  // orders the pause decisions made on the two threads
     bool backlogPaused_ = false;
     bool uiPaused_ = false;
+    bool uiNarrowed_ = false;
 };
 
 }  // namespace ostv

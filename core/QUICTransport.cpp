@@ -64,7 +64,9 @@ public:
     }
 
     void applyReadPause() {
-        if (engine_) engine_->setReadPaused(transport_->readPauseWanted_.load());
+        if (!engine_) return;
+        engine_->setReadNarrowed(transport_->readNarrowWanted_.load());
+        engine_->setReadPaused(transport_->readPauseWanted_.load());
     }
 
     void shutdown() {
@@ -327,6 +329,15 @@ void QUICTransport::disconnect() {
 
 void QUICTransport::setReadPaused(bool paused) {
     readPauseWanted_ = paused;
+    applyReadState();
+}
+
+void QUICTransport::setReadNarrowed(bool narrowed) {
+    readNarrowWanted_ = narrowed;
+    applyReadState();
+}
+
+void QUICTransport::applyReadState() {
     QuicClientWorker* worker = worker_;
     if (!worker) return;  // connect() applies it to the engine it makes
     if (QThread::currentThread() == thread_)

@@ -63,6 +63,9 @@ public:
     // From any thread; the last value set wins. On the transport thread (inside a data callback) it
     // takes effect at once, so a reader that falls behind stops the very next credit update.
     void setReadPaused(bool paused);
+    // While narrowed the peer gets credit for a small window only: the reader is behind and everything
+    // in flight queues in front of what it waits for. From any thread, like setReadPaused.
+    void setReadNarrowed(bool narrowed);
 
     QUICTransportState state() const;
     bool isCancelled() const { return isCancelled_.load(); }
@@ -73,6 +76,7 @@ private:
     friend class QuicClientWorker;
     void setState(const QUICTransportState& s);  // transport thread
     void stopWorker();
+    void applyReadState();  // the wanted pause and narrowing, to the engine on its thread
 
     WeakDelegate<QUICTransportDelegate> delegate_;
     QString host_;
@@ -83,6 +87,7 @@ private:
     std::atomic<bool> isCancelled_{false};
     std::atomic<bool> ready_{false};
     std::atomic<bool> readPauseWanted_{false};
+    std::atomic<bool> readNarrowWanted_{false};
     QThread* thread_ = nullptr;
     QuicClientWorker* worker_ = nullptr;
 };

@@ -47,7 +47,15 @@ bool isLoopback(const sockaddr* a) {
     return false;
 }
 
-constexpr uint64_t kClientStreamWindow = 1024 * 1024;
+// What the client may be sent ahead of what it has read. Terminal output is only read as fast as the
+// page writes it (tens of MB/s at most), so the open window is what that rate needs, even over a distant
+// link. While the terminal view is behind (narrowed), everything in flight lands in its queue in front
+// of the next keystroke's echo, so the window is small then.
+constexpr uint64_t kClientOpenWindow = 1024 * 1024;
+constexpr uint64_t kClientNarrowWindow = 64 * 1024;
+// The connection's credit stays this far ahead of the stream's: the library announces an increase only
+// once it exceeds half its own window, so the connection never holds back what the stream allows.
+constexpr uint64_t kClientConnectionSlack = 128 * 1024;
 
 void commonSettings(ngtcp2_settings& s, const sockaddr* remote) {
     ngtcp2_settings_default(&s);
@@ -168,14 +176,16 @@ bool QuicEngine::startClient(const sockaddr* local, socklen_t localLen, const so
     commonSettings(settings, remote);
     ngtcp2_transport_params params;
     commonParams(params);
-    // What the client may be sent ahead of what it has read. Terminal output is only read as fast as the
-    // page writes it (tens of MB/s at most); everything in this window queues in front of the next
-    // keystroke's echo while reading is paused, so it is kept to what that rate needs, even over a
-    // distant link.
-    params.initial_max_stream_data_bidi_local = kClientStreamWindow;
-    params.initial_max_data = kClientStreamWindow + 256 * 1024;
-    settings.max_stream_window = kClientStreamWindow;
-    settings.max_window = kClientStreamWindow + 256 * 1024;
+    // The library's own window is the narrow one and never grows by itself: it sets the step in which
+    // credit goes out (an update leaves once it exceeds half of it). The open window is credit granted
+    // on top (topUpCredit).
+    params.initial_max_stream_data_bidi_local = kClientNarrowWindow;
+    params.initial_max_data = kClientNarrowWindow + kClientConnectionSlack;
+    settings.max_stream_window = kClientNarrowWindow;
+    settings.max_window = kClientNarrowWindow + kClientConnectionSlack;
+    rxGranted_ = params.initial_max_stream_data_bidi_local;
+    rxOpenWindow_ = kClientOpenWindow;
+    rxNarrowWindow_ = kClientNarrowWindow;
     params.initial_max_streams_bidi = 0;
     params.initial_max_streams_uni = 0;
     ngtcp2_path path{{reinterpret_cast<sockaddr*>(&local_), localLen_}, {reinterpret_cast<sockaddr*>(&remote_), remoteLen_}, nullptr};
@@ -209,6 +219,8 @@ bool QuicEngine::startServer(const sockaddr* local, socklen_t localLen, const so
     ngtcp2_transport_params params;
     commonParams(params);
     params.initial_max_streams_bidi = 4;
+    // One window: each byte read is given back (the library may widen it by itself).
+    rxGranted_ = rxOpenWindow_ = rxNarrowWindow_ = params.initial_max_stream_data_bidi_remote;
     params.initial_max_streams_uni = 0;
     params.max_idle_timeout = 30 * NGTCP2_SECONDS;
     params.max_udp_payload_size = std::clamp<uint64_t>(maxUdpPayloadSize, NGTCP2_MAX_UDP_PAYLOAD_SIZE, kMaxDatagram);
@@ -312,12 +324,27 @@ void QuicEngine::send(std::string bytes) {
 void QuicEngine::setReadPaused(bool paused) {
     if (readPaused_ == paused) return;
     readPaused_ = paused;
-    if (!paused && heldCredit_ > 0 && conn_ && !closed_ && streamId_ >= 0) {
-        ngtcp2_conn_extend_max_stream_offset(conn_, streamId_, heldCredit_);
-        ngtcp2_conn_extend_max_offset(conn_, heldCredit_);
-        heldCredit_ = 0;
-        if (!inCallback_) flush();  // tell the peer at once
-    }
+    if (!paused) topUpCredit();
+}
+
+void QuicEngine::setReadNarrowed(bool narrowed) {
+    if (readNarrowed_ == narrowed) return;
+    readNarrowed_ = narrowed;
+    if (!narrowed) topUpCredit();  // narrowing takes back nothing: it only stops the next grants
+}
+
+// Grants the peer credit up to what was consumed plus the window in force: none while paused. Credit
+// given is never taken back, so after a pause or while narrowed the peer has at most that window in
+// flight, not whatever accumulated meanwhile.
+void QuicEngine::topUpCredit() {
+    if (readPaused_ || !conn_ || closed_ || streamId_ < 0) return;
+    const uint64_t want = rxConsumed_ + (readNarrowed_ ? rxNarrowWindow_ : rxOpenWindow_);
+    if (want <= rxGranted_) return;
+    const uint64_t more = want - rxGranted_;
+    rxGranted_ = want;
+    ngtcp2_conn_extend_max_stream_offset(conn_, streamId_, more);
+    ngtcp2_conn_extend_max_offset(conn_, more);
+    if (!inCallback_) flush();  // tell the peer at once
 }
 
 void QuicEngine::close(uint64_t appErrorCode, const std::string& reason) {
@@ -357,12 +384,8 @@ int QuicEngine::onStreamData(int64_t streamId, uint32_t, const uint8_t* data, si
     if (closed_ || closeRequested_) return 0;
     if (len > 0 && hooks_.streamData) hooks_.streamData(reinterpret_cast<const char*>(data), len);
     if (closed_) return 0;
-    if (readPaused_) {
-        heldCredit_ += len;
-    } else {
-        ngtcp2_conn_extend_max_stream_offset(conn_, streamId, len);
-        ngtcp2_conn_extend_max_offset(conn_, len);
-    }
+    rxConsumed_ += len;
+    topUpCredit();
     return 0;
 }
 
@@ -406,6 +429,7 @@ int QuicEngine::onHandshakeCompleted() {
         int64_t id = -1;
         if (ngtcp2_conn_open_bidi_stream(conn_, &id, nullptr) != 0) return NGTCP2_ERR_CALLBACK_FAILURE;
         streamId_ = id;
+        topUpCredit();  // the open window on top of the initial (narrow) one
     }
     established_ = true;
     maybeAnnounce();

@@ -63,6 +63,9 @@ public:
     size_t lowWatermark = 256 * 1024;
     // While paused, consumed bytes are not given back as flow-control credit, so the peer stops sending.
     void setReadPaused(bool paused);
+    // Client: while narrowed the peer gets credit for a small window only (the reader is behind and
+    // wants little in flight), else for the full one. A server keeps one window.
+    void setReadNarrowed(bool narrowed);
     // An orderly CONNECTION_CLOSE with the application error code; `closed` follows.
     void close(uint64_t appErrorCode = 0, const std::string& reason = {});
 
@@ -128,8 +131,15 @@ private:
     uint64_t queuedEnd_ = 0;
     bool wasAboveLowMark_ = false;
 
+    void topUpCredit();
     bool readPaused_ = false;
-    uint64_t heldCredit_ = 0;
+    bool readNarrowed_ = false;
+    // Receive credit on the stream: the peer may send up to rxGranted_; it is kept at rxConsumed_ plus the
+    // window in force (set by startClient / startServer).
+    uint64_t rxConsumed_ = 0;
+    uint64_t rxGranted_ = 0;
+    uint64_t rxOpenWindow_ = 0;
+    uint64_t rxNarrowWindow_ = 0;
 };
 
 }  // namespace ostv

@@ -17,6 +17,9 @@ public:
     // Back-pressure from the terminal page: while paused the link stops reading from the relay, so
     // QUIC flow control holds the agent back instead of memory filling up here.
     virtual void setReceivePaused(bool paused) = 0;
+    // While narrowed the link lets the relay send only a little ahead of what it has read: the page is
+    // behind, and whatever is in flight arrives before the next echo.
+    virtual void setReceiveNarrowed(bool) {}
 };
 
 }  // namespace ostv

@@ -227,8 +227,9 @@ TerminalView::TerminalView(QWidget* parent) : QWidget(parent) {
 }
 
 TerminalView::~TerminalView() {
-    if (receivePaused_) {
-        if (auto* l = link_.get()) l->setReceivePaused(false);  // never leave the link stalled behind us
+    if (auto* l = link_.get()) {  // never leave the link stalled or narrowed behind us
+        if (receivePaused_) l->setReceivePaused(false);
+        if (receiveNarrowed_) l->setReceiveNarrowed(false);
     }
 }
 
@@ -535,6 +536,13 @@ void TerminalView::updatePause() {
     const int64_t queued = unacked_ + heldTotal_;
     const bool pause = awaitingEcho_ != 0 ? (receivePaused_ ? queued >= kEchoResumeBelow : queued >= kHardLimit)
                                           : (receivePaused_ ? queued >= kResumeBelow : queued > kPauseAbove);
+    // Behind the page by more than kNarrowAbove, the link keeps little in flight: what the relay has
+    // sent arrives whatever this view decides, and an echo waits behind all of it.
+    const bool narrow = queued > kNarrowAbove;
+    if (narrow != receiveNarrowed_) {
+        receiveNarrowed_ = narrow;
+        if (auto* l = link_.get()) l->setReceiveNarrowed(narrow);
+    }
     if (pause == receivePaused_) return;
     receivePaused_ = pause;
     if (auto* l = link_.get()) l->setReceivePaused(pause);

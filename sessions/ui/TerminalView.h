@@ -125,6 +125,8 @@ public:
     // Output of tabs not shown, held here until the page has room for it (counted for the pause too).
     int64_t heldBytes() const { return heldTotal_; }
     static constexpr int64_t kPauseAbove = 2 * 1024 * 1024;
+    // Above this the link is narrowed: the relay may send only a little ahead of what was read.
+    static constexpr int64_t kNarrowAbove = kPauseAbove / 2;
     // Close below the pause mark: while the link is paused nothing else comes in either, an echo included.
     static constexpr int64_t kResumeBelow = kPauseAbove - 128 * 1024;
     // Output of tabs not shown that the page may have at once (it writes that in the shown tab's gaps).
@@ -198,6 +200,7 @@ private:
     std::map<int64_t, int64_t> unackedPerPty_;
     int64_t unacked_ = 0;
     bool receivePaused_ = false;
+    bool receiveNarrowed_ = false;
     std::map<int64_t, std::deque<QByteArray>> held_;  // per PTY, in arrival order
     int64_t heldTotal_ = 0;
     int64_t lastFed_ = 0;  // the PTY fed last, for turns among the held ones

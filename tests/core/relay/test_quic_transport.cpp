@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QHostAddress>
 #include <algorithm>
+#include <functional>
 #include <mutex>
 
 #include "MainThread.h"
@@ -25,6 +26,7 @@ public:
     std::string received;
     std::vector<QString> errors;
     std::vector<bool> dataOnMainThread;
+    std::function<void()> onData;  // on the transport thread, after each chunk (set under m)
 
     void quicTransportDidChangeState(QUICTransport*, const QUICTransportState& s) override {
         EXPECT_TRUE(isMainThread());
@@ -35,6 +37,7 @@ public:
         EXPECT_LE(chunk.size(), 65536u);
         received.append(chunk);
         dataOnMainThread.push_back(isMainThread());
+        if (onData) onData();
     }
     void quicTransportDidEncounterError(QUICTransport*, const QUICTransportError& e) override {
         std::lock_guard l(m);
@@ -280,6 +283,24 @@ TEST(QuicTransport, PausedReadingHoldsThePeerBackAndResumingDeliversEverythingIn
     EXPECT_LE(rec.text().size(), 1024u * 1024);      // ...and no further
     EXPECT_GT(echo.last->pendingBytes(), 15u * 1024 * 1024);
     EXPECT_FALSE(drained);
+    // Resumed while narrowed, and paused again by the first bytes that come: the peer had the narrow
+    // window (64 KiB) to send, not the credit held back while paused nor the full window.
+    const size_t beforeStep = rec.text().size();
+    t.setReadNarrowed(true);
+    {
+        std::lock_guard l(rec.m);
+        rec.onData = [&t] { t.setReadPaused(true); };  // on the transport thread: at once
+    }
+    t.setReadPaused(false);
+    spin(500);
+    {
+        std::lock_guard l(rec.m);
+        rec.onData = nullptr;
+    }
+    const size_t step = rec.text().size() - beforeStep;
+    EXPECT_GT(step, 0u);
+    EXPECT_LE(step, 64u * 1024);
+    t.setReadNarrowed(false);
     t.setReadPaused(false);
     ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
     EXPECT_TRUE(rec.text() == expected);

@@ -29,9 +29,16 @@ public:
 
 std::string b64(const QByteArray& bytes) { return bytes.toBase64().toStdString(); }
 
+// Records the narrowing the view asks of its link too.
+class NarrowingLink : public FakeLink {
+public:
+    bool narrowed = false;
+    void setReceiveNarrowed(bool n) override { narrowed = n; }
+};
+
 class TerminalViewTest : public ::testing::Test {
 protected:
-    FakeLink link;
+    NarrowingLink link;
     FakeViewDelegate delegate;
     std::unique_ptr<TerminalView> view;
     QStringList scripts;
@@ -193,6 +200,7 @@ TEST_F(TerminalViewTest, FloodPausesTheLinkUntilThePageCatchesUp) {
                          << " page: " << QJsonDocument::fromVariant(eval("__pageState()")).toJson().toStdString();
     EXPECT_FALSE(view->receivePaused());
     EXPECT_FALSE(link.paused);
+    EXPECT_FALSE(link.narrowed) << "caught up, the link has its full window again";
 }
 
 // A key reads on while its echo is awaited: the echo is behind whatever the relay queued meanwhile. It
@@ -214,6 +222,7 @@ TEST_F(TerminalViewTest, AKeyReadsOnUntilItsEchoComesUpToTheHardLimit) {
     key();
     EXPECT_EQ(link.ofType("INPUT").size(), 1u);
     EXPECT_FALSE(link.paused) << "a key reads on";
+    EXPECT_TRUE(link.narrowed) << "behind the page, with little in flight";
     view->writeOutput(chunk, 1);
     EXPECT_FALSE(link.paused) << "until its own tab's output comes, not another's";
     view->writeOutput(b64("x"), 2);
