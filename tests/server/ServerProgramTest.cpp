@@ -172,6 +172,8 @@ TEST(ServerProgram, AsRootBeyondLoopbackItRefusesWithoutAllowRoot) {
         QString ns;
         ~Remove() { QProcess::execute(QStringLiteral("ip"), {"netns", "delete", ns}); }
     } remove{ns};
+    // Inside a chroot (the clean-room check) a namespace can be made but not entered.
+    if (!ip({"netns", "exec", ns, "true"})) GTEST_SKIP() << "network namespaces cannot be entered here";
     ASSERT_TRUE(ip({"netns", "exec", ns, "ip", "link", "set", "lo", "up"}));
     ASSERT_TRUE(ip({"netns", "exec", ns, "ip", "addr", "add", "10.99.0.1/32", "dev", "lo"}));
     const QStringList base = {"netns", "exec", ns, qEnvironmentVariable("OSTV_SERVER_BIN"), "--bind", "10.99.0.1",
