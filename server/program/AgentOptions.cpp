@@ -72,67 +72,50 @@ std::optional<AgentOptions> AgentOptions::parse(const QStringList& args, QString
         *error = why;
         return std::nullopt;
     };
-    for (int i = 0; i < args.size(); ++i) {
-        QString name = args[i];
-        QString value;
-        bool inlineValue = false;
-        if (int eq = name.indexOf('='); name.startsWith("--") && eq > 0) {
-            value = name.mid(eq + 1);
-            name = name.left(eq);
-            inlineValue = true;
-        }
-        if (name == "--help" || name == "-h") {
-            o.help = true;
-            continue;
-        }
-        if (name == "--exit-with-parent") {
-            o.exitWithParent = true;
-            continue;
-        }
-        if (name == "--allow-root") {
-            o.allowRoot = true;
-            continue;
-        }
-        static const QStringList withValue = {"--relay",     "--secret-file", "--code",       "--shell",
-                                              "--limit",     "--state-dir",   "--machine-id", "--name"};
-        if (!withValue.contains(name)) return fail(QStringLiteral("unknown option: ") + args[i]);
-        if (!inlineValue) {
-            if (i + 1 >= args.size()) return fail(name + QStringLiteral(" needs a value"));
-            value = args[++i];
-        }
-        if (name == "--relay") {
-            if (!splitHostPort(value, &o.relayHost, &o.relayPort))
-                return fail(QStringLiteral("--relay: expected HOST or HOST:PORT: ") + value);
-        } else if (name == "--secret-file") {
-            o.secretFile = value;
-        } else if (name == "--code") {
-            if (!QRegularExpression(QStringLiteral("^[0-9]{6}$")).match(value).hasMatch())
-                return fail(QStringLiteral("--code: expected six digits: ") + value);
-            o.code = value;
-        } else if (name == "--shell") {
-            if (!QFileInfo(value).isExecutable()) return fail(QStringLiteral("--shell: not an executable: ") + value);
-            o.shell = value;
-        } else if (name == "--limit") {
-            bool ok = false;
-            const int v = value.toInt(&ok);
-            if (!ok || v < 1 || v > 64) return fail(QStringLiteral("--limit: expected 1 to 64: ") + value);
-            o.limit = v;
-        } else if (name == "--state-dir") {
-            if (value.isEmpty()) return fail(QStringLiteral("--state-dir: empty path"));
-            o.stateDir = value;
-        } else if (name == "--machine-id") {
-            if (!QRegularExpression(QStringLiteral("^[A-Za-z0-9._-]{1,128}$")).match(value).hasMatch())
-                return fail(QStringLiteral("--machine-id: expected 1 to 128 letters, digits, '.', '_' or '-': ") + value);
-            o.machineId = value;
-        } else if (name == "--name") {
-            const auto n = checkedHostName(value);
-            if (!n)
-                return fail(QStringLiteral("--name: expected 1 to %1 characters on one line: ")
-                                .arg(ServerOptions::kMaxNameLength) +
-                            QString::fromStdString(logSafe(value.toStdString())));
-            o.name = *n;
-        }
-    }
+    const QString bad = readOptions(
+        args, {"--help", "-h", "--exit-with-parent", "--allow-root"},
+        {"--relay", "--secret-file", "--code", "--shell", "--limit", "--state-dir", "--machine-id", "--name"},
+        [&](const QString& name) {
+            if (name == "--help" || name == "-h") o.help = true;
+            else if (name == "--exit-with-parent") o.exitWithParent = true;
+            else if (name == "--allow-root") o.allowRoot = true;
+        },
+        [&](const QString& name, const QString& value) -> QString {
+            if (name == "--relay") {
+                if (!splitHostPort(value, &o.relayHost, &o.relayPort))
+                    return QStringLiteral("--relay: expected HOST or HOST:PORT: ") + value;
+            } else if (name == "--secret-file") {
+                o.secretFile = value;
+            } else if (name == "--code") {
+                if (!QRegularExpression(QStringLiteral("^[0-9]{6}$")).match(value).hasMatch())
+                    return QStringLiteral("--code: expected six digits: ") + value;
+                o.code = value;
+            } else if (name == "--shell") {
+                if (!QFileInfo(value).isExecutable()) return QStringLiteral("--shell: not an executable: ") + value;
+                o.shell = value;
+            } else if (name == "--limit") {
+                bool ok = false;
+                const int v = value.toInt(&ok);
+                if (!ok || v < 1 || v > 64) return QStringLiteral("--limit: expected 1 to 64: ") + value;
+                o.limit = v;
+            } else if (name == "--state-dir") {
+                if (value.isEmpty()) return QStringLiteral("--state-dir: empty path");
+                o.stateDir = value;
+            } else if (name == "--machine-id") {
+                if (!QRegularExpression(QStringLiteral("^[A-Za-z0-9._-]{1,128}$")).match(value).hasMatch())
+                    return QStringLiteral("--machine-id: expected 1 to 128 letters, digits, '.', '_' or '-': ") + value;
+                o.machineId = value;
+            } else if (name == "--name") {
+                const auto n = checkedHostName(value);
+                if (!n)
+                    return QStringLiteral("--name: expected 1 to %1 characters on one line: ")
+                                    .arg(ServerOptions::kMaxNameLength) +
+                           QString::fromStdString(logSafe(value.toStdString()));
+                o.name = *n;
+            }
+            return {};
+        });
+    if (!bad.isEmpty()) return fail(bad);
     if (o.help) return o;
     if (o.relayHost.isEmpty()) return fail(QStringLiteral("--relay is required"));
     if (o.secretFile.isEmpty()) return fail(QStringLiteral("--secret-file is required"));

@@ -68,6 +68,75 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
         *error = why;
         return std::nullopt;
     };
+    const QString bad = readOptions(
+        args, {"--help", "-h", "--exit-with-parent", "--allow-root", "--no-typing-first"},
+        {"--bind", "--quic-port", "--admin-port", "--user", "--password", "--agents", "--code", "--limit",
+        "--shell", "--agent-secret-file", "--name", "--password-file", "--state-dir"},
+        [&](const QString& name) {
+            if (name == "--help" || name == "-h") o.help = true;
+            else if (name == "--exit-with-parent") o.exitWithParent = true;
+            else if (name == "--allow-root") o.allowRoot = true;
+            else if (name == "--no-typing-first") o.typingFirst = false;
+        },
+        [&](const QString& name, const QString& value) -> QString {
+            if (name == "--bind") {
+                if (QHostAddress(value).isNull()) return QStringLiteral("--bind: not an IP address: ") + value;
+                o.bind = value;
+            } else if (name == "--quic-port" || name == "--admin-port") {
+                auto v = intIn(value, 0, 65535);
+                if (!v) return name + QStringLiteral(": not a port number (0-65535): ") + value;
+                (name == "--quic-port" ? o.quicPort : o.adminPort) = *v;
+            } else if (name == "--user") {
+                if (value.isEmpty()) return QStringLiteral("--user: empty user name");
+                o.user = value;
+            } else if (name == "--password") {
+                o.password = value;
+                o.passwordGiven = true;
+            } else if (name == "--password-file") {
+                if (value.isEmpty()) return QStringLiteral("--password-file: empty path");
+                o.passwordFile = value;
+            } else if (name == "--state-dir") {
+                if (value.isEmpty()) return QStringLiteral("--state-dir: empty path");
+                o.stateDir = value;
+            } else if (name == "--agents") {
+                auto v = intIn(value, 0, kMaxAgents);
+                if (!v) return QStringLiteral("--agents: expected 0 to %1: ").arg(kMaxAgents) + value;
+                o.agents = *v;
+            } else if (name == "--code") {
+                if (!isSixDigits(value)) return QStringLiteral("--code: expected six digits: ") + value;
+                if (std::count(o.codes.begin(), o.codes.end(), value.toStdString()))
+                    return QStringLiteral("--code: given twice: ") + value;
+                o.codes.push_back(value.toStdString());
+            } else if (name == "--limit") {
+                auto v = intIn(value, 1, 1000);
+                if (!v) return QStringLiteral("--limit: expected 1 to 1000: ") + value;
+                o.limit = *v;
+            } else if (name == "--name") {
+                const auto n = checkedHostName(value);
+                if (!n)
+                    return QStringLiteral("--name: expected 1 to %1 characters on one line: ").arg(kMaxNameLength) +
+                           QString::fromStdString(logSafe(value.toStdString()));
+                o.name = *n;
+            } else if (name == "--shell") {
+                if (!QFileInfo(value).isExecutable()) return QStringLiteral("--shell: not an executable: ") + value;
+                o.shell = value;
+            } else if (name == "--agent-secret-file") {
+                if (value.isEmpty()) return QStringLiteral("--agent-secret-file: empty path");
+                o.agentSecretFile = value;
+            }
+            return {};
+        });
+    if (!bad.isEmpty()) return fail(bad);
+    if (o.passwordGiven && !o.passwordFile.isEmpty())
+        return fail(QStringLiteral("--password and --password-file: give only one"));
+    if (static_cast<int>(o.codes.size()) > o.agents)
+        return fail(QStringLiteral("%1 codes given for %2 agent(s)").arg(o.codes.size()).arg(o.agents));
+    return o;
+}
+
+QString readOptions(const QStringList& args, const QStringList& flags, const QStringList& valued,
+                    const std::function<void(const QString& name)>& onFlag,
+                    const std::function<QString(const QString& name, const QString& value)>& onValue) {
     for (int i = 0; i < args.size(); ++i) {
         QString name = args[i];
         QString value;
@@ -77,81 +146,18 @@ std::optional<ServerOptions> ServerOptions::parse(const QStringList& args, QStri
             name = name.left(eq);
             inlineValue = true;
         }
-        if (name == "--help" || name == "-h") {
-            o.help = true;
+        if (flags.contains(name)) {
+            onFlag(name);
             continue;
         }
-        if (name == "--exit-with-parent") {
-            o.exitWithParent = true;
-            continue;
-        }
-        if (name == "--allow-root") {
-            o.allowRoot = true;
-            continue;
-        }
-        if (name == "--no-typing-first") {
-            o.typingFirst = false;
-            continue;
-        }
-        static const QStringList withValue = {"--bind", "--quic-port", "--admin-port", "--user", "--password",
-                                              "--agents", "--code",      "--limit",      "--shell",
-                                              "--agent-secret-file", "--name", "--password-file", "--state-dir"};
-        if (!withValue.contains(name)) return fail(QStringLiteral("unknown option: ") + args[i]);
+        if (!valued.contains(name)) return QStringLiteral("unknown option: ") + args[i];
         if (!inlineValue) {
-            if (i + 1 >= args.size()) return fail(name + QStringLiteral(" needs a value"));
+            if (i + 1 >= args.size()) return name + QStringLiteral(" needs a value");
             value = args[++i];
         }
-        if (name == "--bind") {
-            if (QHostAddress(value).isNull()) return fail(QStringLiteral("--bind: not an IP address: ") + value);
-            o.bind = value;
-        } else if (name == "--quic-port" || name == "--admin-port") {
-            auto v = intIn(value, 0, 65535);
-            if (!v) return fail(name + QStringLiteral(": not a port number (0-65535): ") + value);
-            (name == "--quic-port" ? o.quicPort : o.adminPort) = *v;
-        } else if (name == "--user") {
-            if (value.isEmpty()) return fail(QStringLiteral("--user: empty user name"));
-            o.user = value;
-        } else if (name == "--password") {
-            o.password = value;
-            o.passwordGiven = true;
-        } else if (name == "--password-file") {
-            if (value.isEmpty()) return fail(QStringLiteral("--password-file: empty path"));
-            o.passwordFile = value;
-        } else if (name == "--state-dir") {
-            if (value.isEmpty()) return fail(QStringLiteral("--state-dir: empty path"));
-            o.stateDir = value;
-        } else if (name == "--agents") {
-            auto v = intIn(value, 0, kMaxAgents);
-            if (!v) return fail(QStringLiteral("--agents: expected 0 to %1: ").arg(kMaxAgents) + value);
-            o.agents = *v;
-        } else if (name == "--code") {
-            if (!isSixDigits(value)) return fail(QStringLiteral("--code: expected six digits: ") + value);
-            if (std::count(o.codes.begin(), o.codes.end(), value.toStdString()))
-                return fail(QStringLiteral("--code: given twice: ") + value);
-            o.codes.push_back(value.toStdString());
-        } else if (name == "--limit") {
-            auto v = intIn(value, 1, 1000);
-            if (!v) return fail(QStringLiteral("--limit: expected 1 to 1000: ") + value);
-            o.limit = *v;
-        } else if (name == "--name") {
-            const auto n = checkedHostName(value);
-            if (!n)
-                return fail(QStringLiteral("--name: expected 1 to %1 characters on one line: ").arg(kMaxNameLength) +
-                            QString::fromStdString(logSafe(value.toStdString())));
-            o.name = *n;
-        } else if (name == "--shell") {
-            if (!QFileInfo(value).isExecutable()) return fail(QStringLiteral("--shell: not an executable: ") + value);
-            o.shell = value;
-        } else if (name == "--agent-secret-file") {
-            if (value.isEmpty()) return fail(QStringLiteral("--agent-secret-file: empty path"));
-            o.agentSecretFile = value;
-        }
+        if (QString why = onValue(name, value); !why.isEmpty()) return why;
     }
-    if (o.passwordGiven && !o.passwordFile.isEmpty())
-        return fail(QStringLiteral("--password and --password-file: give only one"));
-    if (static_cast<int>(o.codes.size()) > o.agents)
-        return fail(QStringLiteral("%1 codes given for %2 agent(s)").arg(o.codes.size()).arg(o.agents));
-    return o;
+    return {};
 }
 
 std::optional<QString> checkedHostName(const QString& value) {

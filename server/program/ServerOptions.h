@@ -2,6 +2,7 @@
 // The command line of ostvarren-server.
 #include <QString>
 #include <QStringList>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -44,6 +45,13 @@ struct ServerOptions {
     static std::optional<ServerOptions> parse(const QStringList& args, QString* error);
     static QString usage();
 };
+
+// Reads command-line arguments in order: "--name value", "--name=value" or a bare flag. A name in `flags`
+// goes to onFlag, one in `valued` with its value to onValue, which answers an error text (empty: taken).
+// Answers the first error (an unknown option, a missing value, or onValue's), empty when all were taken.
+QString readOptions(const QStringList& args, const QStringList& flags, const QStringList& valued,
+                    const std::function<void(const QString& name)>& onFlag,
+                    const std::function<QString(const QString& name, const QString& value)>& onValue);
 
 // A --name value: trimmed, 1 to ServerOptions::kMaxNameLength characters, no control characters;
 // nothing when it is not one.
