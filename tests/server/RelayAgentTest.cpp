@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "FakeLink.h"
+#include "Requests.h"
 #include "TestSupport.h"
 #include "agent/Agent.h"
 #include "agent/PtyProcess.h"
@@ -19,7 +20,10 @@
 using namespace ostv;
 using namespace ostv::server;
 using namespace ostv::server::test;
+using ostv::test::create;
+using ostv::test::input;
 using ostv::test::spin;
+using ostv::test::withPty;
 using ostv::test::waitUntil;
 
 namespace {
@@ -78,26 +82,6 @@ protected:
         return paired.empty() ? std::string() : paired.front().id.value_or("");
     }
 
-    static Message create(int64_t ptyId, const std::string& clientId, const std::string& cwd = "~") {
-        Message m("CREATE_PTY");
-        m.ptyId = ptyId;
-        m.cols = 80;
-        m.rows = 24;
-        m.cwd = cwd;
-        m.clientId = clientId;
-        return m;
-    }
-    static Message input(int64_t ptyId, const std::string& data) {
-        Message m("INPUT");
-        m.ptyId = ptyId;
-        m.data = data;
-        return m;
-    }
-    static Message withPty(const std::string& type, int64_t ptyId) {
-        Message m(type);
-        m.ptyId = ptyId;
-        return m;
-    }
     std::vector<PtyListItem> listPtys(Peer& p) {
         size_t from = p->lines.size();
         p.send(Message("LIST_PTY"));

@@ -12,6 +12,7 @@
 #include "LocalServer.h"
 #include "Message.h"
 #include "QUICTransport.h"
+#include "Requests.h"
 #include "TestSupport.h"
 
 namespace ostv::test {
@@ -169,22 +170,5 @@ private:
     // Last, so that it goes first: its thread delivers data into the members above until it has stopped.
     QUICTransport transport_;
 };
-
-inline Message create(int64_t ptyId, const std::string& clientId, const std::string& cwd = "~") {
-    Message m("CREATE_PTY");
-    m.ptyId = ptyId;
-    m.cols = 80;
-    m.rows = 24;
-    m.cwd = cwd;
-    m.clientId = clientId;
-    return m;
-}
-
-inline Message input(int64_t ptyId, const std::string& data) {
-    Message m("INPUT");
-    m.ptyId = ptyId;
-    m.data = data;
-    return m;
-}
 
 }  // namespace ostv::test
