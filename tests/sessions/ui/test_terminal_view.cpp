@@ -321,17 +321,18 @@ TEST_F(TerminalViewTest, OutputThatIsNotBase64NeverReachesThePage) {
 }
 
 TEST_F(TerminalViewTest, LatencyColoursAndEscaping) {
-    view->updateLatency(42);
-    EXPECT_EQ(view->latencyLabel()->text(), "42ms");
-    const QColor green = view->latencyLabel()->palette().color(QPalette::WindowText);
-    view->updateLatency(150);
-    const QColor yellow = view->latencyLabel()->palette().color(QPalette::WindowText);
-    view->updateLatency(300);
-    const QColor red = view->latencyLabel()->palette().color(QPalette::WindowText);
+    auto colourAt = [&](int ms) {
+        view->updateLatency(ms);
+        EXPECT_EQ(view->latencyLabel()->text(), QString::number(ms) + "ms");
+        return view->latencyLabel()->palette().color(QPalette::WindowText);
+    };
+    const QColor green = colourAt(99), yellow = colourAt(100), red = colourAt(300);
     EXPECT_GT(green.green(), green.red());
     EXPECT_GT(red.red(), red.green());
     EXPECT_NE(yellow, green);
     EXPECT_NE(yellow, red);
+    EXPECT_EQ(colourAt(0), green);
+    EXPECT_EQ(colourAt(299), yellow);
     EXPECT_EQ(TerminalView::escapeForScript("a'b\\c\nd"), "a\\'b\\\\c\\nd");
 }
 
