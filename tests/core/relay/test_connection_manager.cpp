@@ -160,8 +160,11 @@ TEST_F(Manager, PairedAgainRestartsTheTimerWithAnImmediateListRequest) {
     pair(relay);
     ASSERT_TRUE(waitUntil([&] { return mgr.pingCount() >= 2; }, 5000));
     const size_t lists = relay.count("LIST_PTY");
+    const size_t states = ev.states.size();
+    relay.push(R"({"type":"paired","home_dir":"/elsewhere"})");  // without "id": changes nothing
     relay.push(R"({"type":"paired","id":"ctl-2","home_dir":"/root"})");
     ASSERT_TRUE(waitUntil([&] { return mgr.state().agentId == "ctl-2"; }, 5000));
+    EXPECT_EQ(ev.states.size(), states + 1);
     EXPECT_LT(mgr.pingCount(), 2);
     EXPECT_FALSE(mgr.state().os.has_value());  // replaced, not merged
     ASSERT_TRUE(waitUntil([&] { return relay.count("LIST_PTY") > lists; }, 5000));
