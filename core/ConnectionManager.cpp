@@ -229,7 +229,7 @@ void ConnectionManager::setReceivePaused(bool paused) {
 void ConnectionManager::dispatch(Message m) {
     ConnectionManagerDelegate* d = delegate_.get();
     if (m.type == "paired") {
-        if (!m.id) return;
+        if (!m.id) return;  // a "paired" without an id changes nothing
         ConnectionState s = ConnectionState::of(ConnectionState::Kind::connected);
         s.agentId = *m.id;
         s.homeDir = m.homeDir;
