@@ -106,6 +106,26 @@ TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     EXPECT_TRUE(alert->informativeText().endsWith(" (by bob)")) << alert->informativeText().toStdString();
 }
 
+// Cancelling the chooser gives the seat up: the link ends and the host shows offline, the first window keeps
+// its session.
+TEST_F(Takeover, CancellingTheChooserLeavesTheHostOffline) {
+    const QString code = startOneSeatAgent();
+    ASSERT_FALSE(code.isEmpty());
+    firstWindow->connectPanelDidRequestPairWithCode(nullptr, code, "alice");
+    ASSERT_TRUE(waitUntil([&] { return linkA.state().isConnected(); }, 10000));
+    MainViewController& second = *secondWindow;
+    second.currentHost = Host{"m-1", "Linux", HostStatus::online, 1, "1%", false, code, "linux", "1%", "m-1", ""};
+    second.connectPanelDidRequestPairWithCode(nullptr, code, "bob");
+    ASSERT_TRUE(waitUntil([&] { return second.controllerChooser != nullptr; }, 10000));
+    QTest::mouseClick(second.controllerChooser->cancelButton, Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return linkB.state().kind == ConnectionState::Kind::disconnected; }, 5000));
+    ASSERT_TRUE(second.currentHost.has_value());
+    EXPECT_EQ(second.currentHost->status, HostStatus::offline);
+    EXPECT_EQ(second.statusBar->textLabel()->text(), "连接已断开");
+    spin(300);
+    EXPECT_TRUE(linkA.state().isConnected());
+}
+
 // Taken over while the first session is still being set up (its shell is slow to start): the kicked
 // window ends the set-up for good — no tab appears later, no set-up or ping timer is left, no set-up
 // error is shown on top of the kick — its shell is no orphan on the agent, and everything it stored
