@@ -232,6 +232,30 @@ TEST_F(Manager, DispatchTableWithItsDeliberateDefaults) {
     EXPECT_EQ(ev.states.back().kind, ConnectionState::Kind::connected);
 }
 
+// A window that has gone (its delegate destroyed) is told nothing; the link still follows what arrives.
+TEST_F(Manager, WithTheDelegateGoneEveryMessageIsHandledAndNobodyIsCalled) {
+    Relay relay;
+    pair(relay);
+    auto gone = std::make_unique<Events>();
+    mgr.setDelegate(gone.get());
+    gone.reset();
+    const size_t heard = ev.count("");
+    relay.push(R"({"type":"PTY_DATA","pty_id":1,"data":"aGk="})");
+    relay.push(R"({"type":"PTY_EXIT","pty_id":1})");
+    relay.push(R"({"type":"PTY_ERROR","pty_id":2,"error":"x"})");
+    relay.push(R"({"type":"PTY_LIST","ptys":[]})");
+    relay.push(R"({"type":"controller_joined","id":"c9","nickname":"bob"})");
+    relay.push(R"({"type":"controller_left","id":"c9"})");
+    relay.push(R"({"type":"latency_pong","ts":1})");
+    relay.push(R"({"type":"error","error":"x"})");
+    relay.push(R"({"type":"paired","id":"ctl-9"})");
+    ASSERT_TRUE(waitUntil([&] { return mgr.state().agentId == "ctl-9"; }, 5000));
+    relay.push(R"({"type":"kicked","reason":"taken","by":"bob"})");
+    ASSERT_TRUE(waitUntil([&] { return mgr.state().kind == ConnectionState::Kind::disconnected; }, 5000));
+    spin(100);
+    EXPECT_EQ(ev.count(""), heard);
+}
+
 TEST_F(Manager, SplitLinesAreDispatchedOnceWhenTheirLineFeedArrives) {
     Relay relay;
     mgr.setPingIntervalForTesting(600000);  // nothing else may arrive while the test feeds the chunks itself
