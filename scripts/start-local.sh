@@ -24,12 +24,12 @@ for _ in $(seq 1 100); do
   fi
   sleep 0.1
 done
-grep '^ostvarren-server:' "$log" | grep -v -e ': ready' -e ': agent ' | sed 's/^ostvarren-server: /  /'
+grep '^ostvarren-server:' "$log" | grep -v -E -e ': ready' -e ': agent [0-9]+ ' | sed 's/^ostvarren-server: /  /'
 # The agents as the host list shows them, top row first (the server numbers them in that order): the
 # row's title, then the code to type when pairing with it.
 echo
 echo "Agents, top row of the host list first:"
-grep '^ostvarren-server: agent ' "$log" | awk '{
+grep -E '^ostvarren-server: agent [0-9]+ ' "$log" | awk '{
   name = ""; code = ""
   for (i = 3; i < NF; i++) if ($i == "code") code = $(i + 1)
   if ((at = index($0, " hostname ")) > 0) name = substr($0, at + 10)
