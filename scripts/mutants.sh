@@ -22,7 +22,8 @@ The faults are applied to a scratch copy of the working tree (tracked and untrac
 not ignore), kept in the build directory together with its own non-sanitized CMake build; the working
 tree itself is never written. In the copy, a mutated file is restored after its fault, on error and on
 Ctrl+C, and the copy is synchronised again at every start. Each fault costs an incremental build of the
-test programs it names (ccache is used when present) plus those tests. Everything runs under nice 19.
+test programs it names (optimised, no debug information; ccache and lld are used when present) plus those
+tests, up to the first that fails. Everything runs under nice 19.
 
 NAME selects faults by name (shell patterns allowed, e.g. 'core-*'), run in the order given; none selects all.
 
@@ -270,9 +271,13 @@ if [ "$mode" = diff ]; then
 fi
 
 # ---------------------------------------------------------------- build and test helpers
+# Optimised but without debug information (links are what a fault mostly costs); ccache and lld when present.
 launcher=()
 if command -v ccache >/dev/null 2>&1; then
-  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+  launcher+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+if command -v ld.lld >/dev/null 2>&1; then
+  launcher+=(-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_SHARED_LINKER_FLAGS=-fuse-ld=lld)
 fi
 
 # The test programs behind a ctest regular expression (their targets carry the program's name).
@@ -281,11 +286,11 @@ targets_for() {  # regex
     jq -r '.tests[].command[0] // empty' | xargs -r -n1 basename | sort -u
 }
 
-run_tests() {  # regex log
+run_tests() {  # regex log seconds [ctest options]: a fault is caught by its first failing test
   mkdir -p "$build/test-home/runtime" && chmod 700 "$build/test-home/runtime"
   run_limited "$3" "$2" \
     dbus-run-session -- bash "$root/scripts/with-keyring.sh" xvfb-run -a -s "-screen 0 1600x1000x24" \
-    ctest --test-dir "$build" -R "$1" -j"$jobs" --no-tests=error --output-on-failure
+    ctest --test-dir "$build" -R "$1" -j"$jobs" --no-tests=error --output-on-failure "${@:4}"
 }
 
 failed_tests() {  # log: the names ctest lists as failed, on one line
@@ -303,7 +308,7 @@ mkdir -p "$work/logs"
 
 echo "mutants: building the unmodified product in $build (the first time takes a while)"
 log="$work/logs/_unmodified.log"; : > "$log"
-if ! run_limited 7200 "$log" cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTV_SANITIZE=OFF \
+if ! run_limited 7200 "$log" cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-O1 -DOSTV_SANITIZE=OFF \
        -DOSTV_BUILD_BENCH=OFF "${launcher[@]}" ||
    ! run_limited 7200 "$log" cmake --build "$build" -j"$jobs"; then
   echo "mutants: the unmodified product does not build; see $log" >&2; exit 1
@@ -353,7 +358,7 @@ for i in "${chosen[@]}"; do
       elif [ $left -le 0 ]; then
         status=timeout detail="no time left for the tests"
       else
-        run_tests "${tests[$i]}" "$log" "$left"
+        run_tests "${tests[$i]}" "$log" "$left" --stop-on-failure
         rc=$?
         if [ $rc -eq 0 ]; then status=survived
         elif [ $rc -eq 124 ] || [ $rc -eq 137 ]; then status=timeout detail="tests ran out of time"
