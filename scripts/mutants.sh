@@ -286,11 +286,19 @@ targets_for() {  # regex
     jq -r '.tests[].command[0] // empty' | xargs -r -n1 basename | sort -u
 }
 
-run_tests() {  # regex log seconds [ctest options]: a fault is caught by its first failing test
+run_tests() {  # log seconds ctest-selection...: a fault is caught by its first failing test
   mkdir -p "$build/test-home/runtime" && chmod 700 "$build/test-home/runtime"
-  run_limited "$3" "$2" \
+  run_limited "$2" "$1" \
     dbus-run-session -- bash "$root/scripts/with-keyring.sh" xvfb-run -a -s "-screen 0 1600x1000x24" \
-    ctest --test-dir "$build" -R "$1" -j"$jobs" --no-tests=error --output-on-failure "${@:4}"
+    ctest --test-dir "$build" -j"$jobs" --no-tests=error --output-on-failure "${@:3}"
+}
+
+# The numbers of the tests any of the given regular expressions selects, as ctest's -I wants them
+# (one regular expression joining them all would exceed ctest's limit on groups).
+test_numbers() {  # regex...
+  local r
+  for r in "$@"; do ctest --test-dir "$build" -N -R "$r" 2>/dev/null; done |
+    sed -nE 's/^[[:space:]]*Test[[:space:]]+#([0-9]+):.*/\1/p' | sort -un | paste -sd, -
 }
 
 failed_tests() {  # log: the names ctest lists as failed, on one line
@@ -315,13 +323,15 @@ if ! run_limited 7200 "$log" cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Rele
 fi
 
 if [ "$clean_run" = 1 ]; then
-  union=""
+  regexes=()
   for i in "${chosen[@]}"; do
-    [ -z "${stale_reason[$i]}" ] && union+="${union:+|}(${tests[$i]})"
+    [ -z "${stale_reason[$i]}" ] && regexes+=("${tests[$i]}")
   done
-  if [ -n "$union" ]; then
+  numbers=""
+  [ ${#regexes[@]} -eq 0 ] || numbers="$(test_numbers "${regexes[@]}")"
+  if [ -n "$numbers" ]; then
     echo "mutants: running the selected tests on the unmodified product"
-    if ! run_tests "$union" "$log" 7200; then
+    if ! run_tests "$log" 7200 -I "0,0,0,$numbers"; then
       echo "mutants: tests fail without any fault (${log}): $(failed_tests "$log")" >&2
       echo "mutants: fix them first, or pass --no-clean-run to go on anyway" >&2
       exit 1
@@ -358,7 +368,7 @@ for i in "${chosen[@]}"; do
       elif [ $left -le 0 ]; then
         status=timeout detail="no time left for the tests"
       else
-        run_tests "${tests[$i]}" "$log" "$left" --stop-on-failure
+        run_tests "$log" "$left" -R "${tests[$i]}" --stop-on-failure
         rc=$?
         if [ $rc -eq 0 ]; then status=survived
         elif [ $rc -eq 124 ] || [ $rc -eq 137 ]; then status=timeout detail="tests ran out of time"
