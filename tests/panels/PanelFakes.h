@@ -71,6 +71,16 @@ public:
     }
 };
 
+// A directory (or, with isDirectory false, a file) named by the last part of its path.
+inline DirectoryItem makeItem(const QString& path, bool isDirectory = true) {
+    DirectoryItem d;
+    d.id = QUuid::createUuid();
+    d.path = path;
+    d.name = path.section('/', -1);
+    d.isDirectory = isDirectory;
+    return d;
+}
+
 inline Host makeHost(const QString& id, const QString& machineId, const QString& agentCode,
                      HostStatus status = HostStatus::online) {
     Host h;

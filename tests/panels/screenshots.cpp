@@ -10,24 +10,13 @@
 #include "ConnectPanelViewController.h"
 #include "EnvStore.h"
 #include "HostListView.h"
+#include "PanelFakes.h"
 #include "ResourcePanelView.h"
 #include "TestSupport.h"
 #include "Theme.h"
 
 using namespace ostv;
-
-namespace {
-
-DirectoryItem dir(const QString& path) {
-    DirectoryItem d;
-    d.id = QUuid::createUuid();
-    d.path = path;
-    d.name = path.section('/', -1);
-    d.isDirectory = true;
-    return d;
-}
-
-}  // namespace
+using test::makeItem;
 
 int main(int argc, char** argv) {
     QCoreApplication::setOrganizationName("Ostvarren");
@@ -83,10 +72,10 @@ int main(int argc, char** argv) {
                              {"pty-3", "alice · /srv/build", "AL", false}},
                             8);
         resources->highlightSession(2);
-        resources->setDirectories({dir("/home/dev/projects"), dir("/home/dev/Downloads"), dir("/home/dev/.config"),
-                                   dir("/home/dev/notes")});
-        resources->setChildren({dir("/home/dev/projects/api"), dir("/home/dev/projects/web"),
-                                dir("/home/dev/projects/infra")},
+        resources->setDirectories({makeItem("/home/dev/projects"), makeItem("/home/dev/Downloads"),
+                                   makeItem("/home/dev/.config"), makeItem("/home/dev/notes")});
+        resources->setChildren({makeItem("/home/dev/projects/api"), makeItem("/home/dev/projects/web"),
+                                makeItem("/home/dev/projects/infra")},
                                "/home/dev/projects");
         resources->outlineView->expand(resources->treeModel()->indexForPath("/home/dev/projects"));
         resources->outlineView->setCurrentIndex(resources->treeModel()->indexForPath("/home/dev/projects/web"));

@@ -4,26 +4,15 @@
 #include <QLoggingCategory>
 
 #include "DirectoryTreeModel.h"
+#include "PanelFakes.h"
 #include "TestSupport.h"
 
 using namespace ostv;
 
 namespace {
 
-DirectoryItem dir(const QString& path) {
-    DirectoryItem d;
-    d.id = QUuid::createUuid();
-    d.path = path;
-    d.name = path.section('/', -1);
-    d.isDirectory = true;
-    return d;
-}
-
-DirectoryItem file(const QString& path) {
-    DirectoryItem f = dir(path);
-    f.isDirectory = false;
-    return f;
-}
+DirectoryItem dir(const QString& path) { return test::makeItem(path); }
+DirectoryItem file(const QString& path) { return test::makeItem(path, false); }
 
 QStringList names(const DirectoryTreeModel& m, const QModelIndex& parent = {}) {
     QStringList out;

@@ -13,17 +13,9 @@
 using namespace ostv;
 using ostv::test::FakeLink;
 using ostv::test::Launch;
+using ostv::test::makeItem;
 
 namespace {
-
-DirectoryItem item(const QString& path, bool isDirectory = true) {
-    DirectoryItem d;
-    d.id = QUuid::createUuid();
-    d.path = path;
-    d.name = path.section('/', -1);
-    d.isDirectory = isDirectory;
-    return d;
-}
 
 User session(int ptyId, const QString& name, bool isSelf = true) {
     return User{QStringLiteral("pty-%1").arg(ptyId), name, name.left(1).toUpper(), isSelf};
@@ -52,8 +44,8 @@ struct ResourcePanelFixture : ::testing::Test {
         panel.setLink(&link);
         panel.resize(280, 600);
         panel.show();
-        panel.setDirectories({item("/home/u/notes.txt", false), item("/home/u/src"), item("/home/u/.bashrc", false),
-                              item("/home/u/docs")});
+        panel.setDirectories({makeItem("/home/u/notes.txt", false), makeItem("/home/u/src"),
+                              makeItem("/home/u/.bashrc", false), makeItem("/home/u/docs")});
     }
     QModelIndex row(const QString& path) const { return panel.treeModel()->indexForPath(path); }
 };
@@ -80,7 +72,7 @@ TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnce) {
     EXPECT_EQ(link.listedPaths().size(), 1u);
 
     // The answer fills the node, which stays open; files do not appear.
-    panel.setChildren({item("/home/u/src/a"), item("/home/u/src/main.cpp", false), item("/home/u/src/b")},
+    panel.setChildren({makeItem("/home/u/src/a"), makeItem("/home/u/src/main.cpp", false), makeItem("/home/u/src/b")},
                       "/home/u/src");
     EXPECT_TRUE(panel.outlineView->isExpanded(row("/home/u/src")));
     EXPECT_EQ(panel.treeModel()->rowCount(row("/home/u/src")), 2);
