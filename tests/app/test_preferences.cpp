@@ -24,7 +24,7 @@ TEST(PortParsing, SignsDigitsAndDefaults) {
     EXPECT_EQ(parsePortField("+42", 9090), 42);
     EXPECT_EQ(parsePortField("-5", 9090), -5);
     EXPECT_EQ(parsePortField("70000", 9090), 70000);  // no range check here
-    for (const char* bad : {"", "abc", " 80", "80 ", "8o", "+", "-", "+-1", "١٢", "99999999999999999999"})
+    for (const char* bad : {"", "abc", " 80", "80 ", "8o", "+", "-", "+-1", "١٢", "８０", "99999999999999999999"})
         EXPECT_EQ(parsePortField(QString::fromUtf8(bad), 8080), 8080) << bad;
 }
 

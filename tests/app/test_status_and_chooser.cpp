@@ -62,9 +62,9 @@ std::vector<ControllerInfo> two() {
 
 TEST(Chooser, TakeoverNeedsAValidSelectionAndLongRowsAreShortened) {
     ChooserDelegate d;
-    ControllerListViewController c(two(), 2, 2);
+    ControllerListViewController c(two(), /*limit=*/3, /*current=*/2);
     c.setDelegate(&d);
-    EXPECT_EQ(c.titleLabel->text(), "选择会话 (2/2 controllers)");
+    EXPECT_EQ(c.titleLabel->text(), "选择会话 (2/3 controllers)");
     EXPECT_EQ(c.subtitleLabel->text(), "已达到最大连接数，选择要接管的会话");
     EXPECT_FALSE(c.takeoverButton->isEnabled());
     c.onTakeover();  // nothing selected: nothing happens

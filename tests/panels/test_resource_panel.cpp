@@ -58,9 +58,15 @@ QStringList menuTexts(const QMenu& menu) {  // a separator reads as ""
 
 }  // namespace
 
-TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnce) {
+TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnceAndOnlyWithALinkAndAWorkspace) {
     ASSERT_EQ(panel.treeModel()->rowCount(), 2);
     const QModelIndex src = row("/home/u/src");
+    // Without a link nothing is sent, and a skipped request does not count as asked.
+    link.connected = false;
+    panel.outlineView->expand(src);
+    EXPECT_TRUE(link.sent.empty());
+    panel.outlineView->collapse(src);
+    link.connected = true;
 
     // A double click toggles; expanding again before the answer arrives does not ask twice.
     panel.onOutlineDoubleClick(src);
@@ -88,21 +94,12 @@ TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnce) {
     panel.outlineView->collapse(row("/home/u/docs"));
     panel.outlineView->expand(row("/home/u/docs"));
     EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src", "/home/u/docs"}));
-}
 
-TEST_F(ResourcePanelFixture, NoListingWithoutLinkOrWorkspace) {
-    link.connected = false;
-    panel.outlineView->expand(row("/home/u/src"));
-    EXPECT_TRUE(link.sent.empty());
-    // Once the link is back, the next expansion asks: a skipped request does not count as asked.
-    link.connected = true;
-    panel.outlineView->collapse(row("/home/u/src"));
-    panel.outlineView->expand(row("/home/u/src"));
-    EXPECT_EQ(link.listedPaths().size(), 1u);
-
+    // Without a workspace nothing is asked either.
     panel.setDelegate(nullptr);
-    panel.outlineView->expand(row("/home/u/docs"));
-    EXPECT_EQ(link.listedPaths().size(), 1u);
+    panel.setDirectories({makeItem("/home/u/other")});
+    panel.outlineView->expand(row("/home/u/other"));
+    EXPECT_EQ(link.listedPaths().size(), 2u);
 }
 
 TEST_F(ResourcePanelFixture, ToolsStartInTheClickedDirectoryOnlyWhileConnected) {
