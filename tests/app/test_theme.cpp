@@ -68,10 +68,10 @@ private:
     QString address_;
 };
 
-void announce(QDBusConnection& portal, const QString& ns, const QString& key, const QVariant& value) {
+void announce(QDBusConnection& portal, const QString& key, const QVariant& value) {
     QDBusMessage signal = QDBusMessage::createSignal("/org/freedesktop/portal/desktop",
                                                      "org.freedesktop.portal.Settings", "SettingChanged");
-    signal << ns << key << QVariant::fromValue(QDBusVariant(value));
+    signal << QString("org.freedesktop.appearance") << key << QVariant::fromValue(QDBusVariant(value));
     portal.send(signal);
 }
 
@@ -106,16 +106,24 @@ TEST(Appearance, BothPalettesKeepTextAndFieldsReadable) {
         // A field must stand apart from the window around it, and disabled text from enabled text.
         EXPECT_GT(std::abs(p.color(QPalette::Base).lightnessF() - p.color(QPalette::Window).lightnessF()), 0.03) << dark;
         EXPECT_NE(p.color(QPalette::Disabled, QPalette::Text), p.color(QPalette::Active, QPalette::Text));
-        EXPECT_EQ(p.color(QPalette::Highlight), Theme::accent());
     }
 }
 
-TEST(Appearance, ViewsFollowTheDesktopWhenItSwitches) {
+TEST(Appearance, ViewsFollowTheDesktopWhenItSwitchesAndThePlatformDecidesWithoutIt) {
     PaletteGuard restore;
     PrivateBus bus;
     if (!bus.ok()) GTEST_SKIP() << "dbus-daemon is not available, so no private session bus can be started";
     SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("theme") + "/secrets.json");
     QApplication::setPalette(Theme::palette(false));
+    {  // While nobody offers the portal, or without a bus at all, the platform decides.
+        AppearanceWatcher noPortal(bus.connect("app-side"), /*platformPaletteIsDark=*/true);
+        EXPECT_EQ(noPortal.colorScheme(), std::nullopt);
+        noPortal.apply();
+        EXPECT_TRUE(Theme::isDarkMode());
+        AppearanceWatcher noBus(QDBusConnection(QStringLiteral("not-connected")), false);
+        noBus.apply();
+        EXPECT_FALSE(Theme::isDarkMode());
+    }
 
     // The portal answers from its own thread, as it would from its own process: the application's first
     // read blocks its thread for the answer.
@@ -147,21 +155,19 @@ TEST(Appearance, ViewsFollowTheDesktopWhenItSwitches) {
     // The views re-apply their colours when the palette change reaches them: a different green, a dark card.
     ASSERT_TRUE(waitUntil([&] { return textColour(bar->iconLabel()) != lightGreen; }));
     EXPECT_EQ(textColour(bar->textLabel()), Theme::secondaryLabel());
-    const QString darkCard = card();
-    EXPECT_NE(darkCard, lightCard);
-    EXPECT_TRUE(darkCard.contains(Theme::grey(0.15).name())) << darkCard.toStdString();
+    EXPECT_NE(card(), lightCard);
 
     // The desktop switches to light while the application runs.
-    announce(portalSide, "org.freedesktop.appearance", "color-scheme", QVariant(uint(2)));
+    announce(portalSide, "color-scheme", QVariant(uint(2)));
     ASSERT_TRUE(waitUntil([&] { return !Theme::isDarkMode() && textColour(bar->iconLabel()) == lightGreen; }));
     EXPECT_EQ(card(), lightCard);
     EXPECT_EQ(bar->textLabel()->text(), "已连接 — build-01");  // the status itself is kept
 
     // Other settings and values that are not a colour scheme change nothing.
     StdoutCapture log;
-    announce(portalSide, "org.freedesktop.appearance", "accent-color", QVariant(uint(1)));
-    announce(portalSide, "org.freedesktop.appearance", "color-scheme", QVariant(QString("dark")));
-    announce(portalSide, "org.freedesktop.appearance", "color-scheme", QVariant(uint(9)));
+    announce(portalSide, "accent-color", QVariant(uint(1)));
+    announce(portalSide, "color-scheme", QVariant(QString("dark")));
+    announce(portalSide, "color-scheme", QVariant(uint(9)));
     ASSERT_TRUE(waitUntil([&] { return log.text().find("color-scheme") != std::string::npos; }));
     spin(200);
     EXPECT_FALSE(Theme::isDarkMode());
@@ -170,23 +176,9 @@ TEST(Appearance, ViewsFollowTheDesktopWhenItSwitches) {
 
     // "No preference" hands the decision back to the platform's palette (dark here).
     AppearanceWatcher platformDark(bus.connect("app-side"), /*platformPaletteIsDark=*/true);
-    announce(portalSide, "org.freedesktop.appearance", "color-scheme", QVariant(uint(0)));
+    announce(portalSide, "color-scheme", QVariant(uint(0)));
     ASSERT_TRUE(waitUntil([] { return Theme::isDarkMode(); }));
     SecretStore::useFileStoreOnlyForTesting(false);
-}
-
-TEST(Appearance, WithoutADesktopPortalThePlatformDecides) {
-    PaletteGuard restore;
-    PrivateBus bus;  // a bus on which nobody offers the portal
-    if (!bus.ok()) GTEST_SKIP() << "dbus-daemon is not available, so no private session bus can be started";
-    QApplication::setPalette(Theme::palette(false));
-    AppearanceWatcher watcher(bus.connect("app-side"), /*platformPaletteIsDark=*/true);
-    EXPECT_EQ(watcher.colorScheme(), std::nullopt);
-    watcher.apply();
-    EXPECT_TRUE(Theme::isDarkMode());
-    AppearanceWatcher noBus(QDBusConnection(QStringLiteral("not-connected")), false);
-    noBus.apply();
-    EXPECT_FALSE(Theme::isDarkMode());
 }
 
 #include "test_theme.moc"

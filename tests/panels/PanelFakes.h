@@ -49,6 +49,38 @@ struct ManualFetch {
     }
 };
 
+// What a workspace was asked to start.
+struct Launch {
+    QString title;
+    std::optional<QString> command, env;
+    QString path;
+    bool operator==(const Launch&) const = default;
+};
+
+// The part every panel's workspace shares: whether the link is up, and starting a terminal.
+template <class Delegate>
+class LaunchingWorkspace : public QObject, public Delegate {
+public:
+    bool connected = true;
+    std::vector<Launch> launches;
+
+    bool isConnected() const override { return connected; }
+    void allocateAndCreatePty(const QString& title, const std::optional<QString>& command,
+                              const std::optional<QString>& env, const QString& path) override {
+        launches.push_back({title, command, env, path});
+    }
+};
+
+// A directory (or, with isDirectory false, a file) named by the last part of its path.
+inline DirectoryItem makeItem(const QString& path, bool isDirectory = true) {
+    DirectoryItem d;
+    d.id = QUuid::createUuid();
+    d.path = path;
+    d.name = path.section('/', -1);
+    d.isDirectory = isDirectory;
+    return d;
+}
+
 inline Host makeHost(const QString& id, const QString& machineId, const QString& agentCode,
                      HostStatus status = HostStatus::online) {
     Host h;

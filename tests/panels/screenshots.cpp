@@ -5,63 +5,18 @@
 #include <QDir>
 #include <QHBoxLayout>
 #include <QMenu>
-#include <QPalette>
 #include <QStyleFactory>
 
 #include "ConnectPanelViewController.h"
 #include "EnvStore.h"
 #include "HostListView.h"
+#include "PanelFakes.h"
 #include "ResourcePanelView.h"
 #include "TestSupport.h"
+#include "Theme.h"
 
 using namespace ostv;
-
-namespace {
-
-QPalette darkPalette() {
-    QPalette p;
-    p.setColor(QPalette::Window, QColor(38, 38, 38));
-    p.setColor(QPalette::WindowText, QColor(230, 230, 230));
-    p.setColor(QPalette::Base, QColor(28, 28, 28));
-    p.setColor(QPalette::AlternateBase, QColor(45, 45, 45));
-    p.setColor(QPalette::Text, QColor(230, 230, 230));
-    p.setColor(QPalette::Button, QColor(55, 55, 55));
-    p.setColor(QPalette::ButtonText, QColor(230, 230, 230));
-    p.setColor(QPalette::Highlight, QColor(0, 120, 212));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::PlaceholderText, QColor(140, 140, 140));
-    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(120, 120, 120));
-    p.setColor(QPalette::Disabled, QPalette::Text, QColor(120, 120, 120));
-    return p;
-}
-
-// As the admin client makes it: titled by the system name unless the list gives a host name.
-Host host(const QString& id, const QString& hostname, HostStatus status, const QString& os, int users,
-          const QString& cpu, const QString& mem) {
-    Host h;
-    h.id = id;
-    h.name = AdminAgents::displayName(os);
-    h.hostname = hostname;
-    h.status = status;
-    h.os = os;
-    h.userCount = users;
-    h.cpuLoad = cpu;
-    h.memLoad = mem;
-    h.machineId = "m-" + id;
-    h.agentCode = "1000" + id;
-    return h;
-}
-
-DirectoryItem dir(const QString& path) {
-    DirectoryItem d;
-    d.id = QUuid::createUuid();
-    d.path = path;
-    d.name = path.section('/', -1);
-    d.isDirectory = true;
-    return d;
-}
-
-}  // namespace
+using test::makeItem;
 
 int main(int argc, char** argv) {
     QCoreApplication::setOrganizationName("Ostvarren");
@@ -80,7 +35,7 @@ int main(int argc, char** argv) {
     };
 
     for (bool dark : {false, true}) {
-        QApplication::setPalette(dark ? darkPalette() : QApplication::style()->standardPalette());
+        QApplication::setPalette(Theme::palette(dark));
         const QString suffix = dark ? "-dark" : "-light";
 
         QWidget window;
@@ -89,25 +44,23 @@ int main(int argc, char** argv) {
         row->setSpacing(0);
         auto* hosts = new HostListView;
         hosts->setFixedWidth(260);
-        hosts->model()->setFetchFunction([](HostListModel::FetchCompletion done) {
-            done(AgentFetchResult::success({
-                host("1", "dev-workstation", HostStatus::online, "linux", 2, "12%", "41%"),
-                host("2", "build-mac-mini", HostStatus::online, "darwin", 0, "3%", ""),
-                host("3", "win-gpu-box-with-a-very-long-machine-name", HostStatus::offline, "windows", 0, "-", ""),
-                host("4", "edge-router", HostStatus::connecting, "freebsd", 1, "-", ""),
-                host("5", "", HostStatus::online, "linux", 0, "7%", "22%"),  // a server that sends no host name
-            }));
-        });
-        auto* divider1 = new QFrame;
-        divider1->setFixedWidth(1);
-        divider1->setAutoFillBackground(true);
-        QPalette dp = divider1->palette();
-        dp.setColor(QPalette::Window, dark ? QColor(51, 51, 51) : QColor(217, 217, 217));
-        divider1->setPalette(dp);
+        // As the admin client decodes them, one of them from a server that sends no host name.
+        QList<Host> sample = *AdminAgents::decodeHosts(R"([
+            {"code":"10001","machine_id":"m-1","controller_count":2,"os":"linux","hostname":"dev-workstation","cpu":12,"mem":41},
+            {"code":"10002","machine_id":"m-2","controller_count":0,"os":"darwin","hostname":"build-mac-mini","cpu":3},
+            {"code":"10003","machine_id":"m-3","controller_count":0,"os":"windows","hostname":"win-gpu-box-with-a-very-long-machine-name"},
+            {"code":"10004","machine_id":"m-4","controller_count":1,"os":"freebsd","hostname":"edge-router"},
+            {"code":"10005","machine_id":"m-5","controller_count":0,"os":"linux","cpu":7,"mem":22}])");
+        sample[2].status = HostStatus::offline;
+        sample[3].status = HostStatus::connecting;
+        hosts->model()->setFetchFunction(
+            [sample](HostListModel::FetchCompletion done) { done(AgentFetchResult::success(sample)); });
+        auto* divider = new QFrame;
+        divider->setFrameShape(QFrame::VLine);
         auto* resources = new ResourcePanelView;
         resources->setFixedWidth(280);
         row->addWidget(hosts);
-        row->addWidget(divider1);
+        row->addWidget(divider);
         row->addWidget(resources);
         window.resize(541, 640);
         window.show();
@@ -119,10 +72,10 @@ int main(int argc, char** argv) {
                              {"pty-3", "alice · /srv/build", "AL", false}},
                             8);
         resources->highlightSession(2);
-        resources->setDirectories({dir("/home/dev/projects"), dir("/home/dev/Downloads"), dir("/home/dev/.config"),
-                                   dir("/home/dev/notes")});
-        resources->setChildren({dir("/home/dev/projects/api"), dir("/home/dev/projects/web"),
-                                dir("/home/dev/projects/infra")},
+        resources->setDirectories({makeItem("/home/dev/projects"), makeItem("/home/dev/Downloads"),
+                                   makeItem("/home/dev/.config"), makeItem("/home/dev/notes")});
+        resources->setChildren({makeItem("/home/dev/projects/api"), makeItem("/home/dev/projects/web"),
+                                makeItem("/home/dev/projects/infra")},
                                "/home/dev/projects");
         resources->outlineView->expand(resources->treeModel()->indexForPath("/home/dev/projects"));
         resources->outlineView->setCurrentIndex(resources->treeModel()->indexForPath("/home/dev/projects/web"));

@@ -5,49 +5,36 @@
 using namespace ostv::ConnectPanelLogic;
 
 TEST(PairingCode, SixNumericCharactersAfterTrimming) {
-    EXPECT_TRUE(isValidPairingCode("123456"));
-    EXPECT_TRUE(isValidPairingCode("  123456\t\n"));
+    const std::pair<const char*, bool> cases[] = {
+        {"123456", true}, {"  123456\t\n", true}, {"１２３４５６", true},  // full-width
+        {"٠١٢٣٤٥", true},                                             // Arabic-Indic
+        {"𝟏𝟐𝟑𝟒𝟓𝟔", true},  // outside the basic plane: six characters, not twelve
+        {"𝟏𝟐𝟑", false},     // three characters in six UTF-16 units
+        {"12345", false}, {"12345a", false}, {"1234567", false}, {"123 456", false}, {"", false}, {"      ", false}};
+    for (const auto& [code, valid] : cases) EXPECT_EQ(isValidPairingCode(QString::fromUtf8(code)), valid) << code;
     EXPECT_EQ(trimmedCode("  123456 "), "123456");
-    EXPECT_TRUE(isValidPairingCode(QString::fromUtf8("１２３４５６")));  // full-width
-    EXPECT_TRUE(isValidPairingCode(QString::fromUtf8("٠١٢٣٤٥")));      // Arabic-Indic
-    EXPECT_TRUE(isValidPairingCode(QString::fromUtf8("𝟏𝟐𝟑𝟒𝟓𝟔")));      // outside the basic plane: six, not twelve
-
-    EXPECT_FALSE(isValidPairingCode("12345"));
-    EXPECT_FALSE(isValidPairingCode("12345a"));
-    EXPECT_FALSE(isValidPairingCode("1234567"));
-    EXPECT_FALSE(isValidPairingCode("123 456"));
-    EXPECT_FALSE(isValidPairingCode(""));
-    EXPECT_FALSE(isValidPairingCode("      "));
-    EXPECT_FALSE(isValidPairingCode(QString::fromUtf8("𝟏𝟐𝟑")));  // three characters in six UTF-16 units
 }
 
-TEST(PathFormat, WindowsAgentsWantADriveLetterColonAndSeparator) {
-    const std::optional<QString> win = QStringLiteral("windows");
-    const QString winError = QStringLiteral("请输入 Windows 绝对路径，如 C:\\Users\\user");
-    EXPECT_FALSE(validatePathFormat("C:\\Users\\me", win));
-    EXPECT_FALSE(validatePathFormat("d:/work", win));
-    EXPECT_FALSE(validatePathFormat("  E:\\  ", win));
-    EXPECT_EQ(validatePathFormat("C:", win), winError);
-    EXPECT_EQ(validatePathFormat("C:Users", win), winError);
-    EXPECT_EQ(validatePathFormat("/home/me", win), winError);
-    EXPECT_EQ(validatePathFormat("1:\\x", win), winError);
-    EXPECT_EQ(validatePathFormat("\\\\server\\share", win), winError);
-    EXPECT_EQ(validatePathFormat("   ", win), QStringLiteral("请输入工作目录的绝对路径"));
-    EXPECT_EQ(pathPlaceholder(win), QStringLiteral("C:\\Users\\user"));
-}
-
-TEST(PathFormat, OtherAndUnknownAgentsWantALeadingSlash) {
-    const QString posixError = QStringLiteral("请输入绝对路径，如 /home/user");
-    for (const std::optional<QString>& os :
-         {std::optional<QString>(), std::optional<QString>("linux"), std::optional<QString>("darwin")}) {
-        EXPECT_FALSE(validatePathFormat("/home/me", os));
-        EXPECT_FALSE(validatePathFormat("  /  ", os));
-        EXPECT_EQ(validatePathFormat("~/work", os), posixError);
-        EXPECT_EQ(validatePathFormat("C:\\Users", os), posixError);
-        EXPECT_EQ(validatePathFormat("work", os), posixError);
-        EXPECT_EQ(validatePathFormat("", os), QStringLiteral("请输入工作目录的绝对路径"));
-        EXPECT_EQ(pathPlaceholder(os), QStringLiteral("/home/user"));
+TEST(PathFormat, WindowsWantsADriveLetterColonAndSeparatorOthersALeadingSlash) {
+    const QString win = QStringLiteral("请输入 Windows 绝对路径，如 C:\\Users\\user");
+    const QString posix = QStringLiteral("请输入绝对路径，如 /home/user");
+    const QString empty = QStringLiteral("请输入工作目录的绝对路径");
+    const struct {
+        const char* os;  // null: the agent did not say
+        const char* path;
+        std::optional<QString> error;
+    } cases[] = {
+        {"windows", "C:\\Users\\me", {}}, {"windows", "d:/work", {}}, {"windows", "  E:\\  ", {}},
+        {"windows", "C:", win}, {"windows", "C:Users", win}, {"windows", "/home/me", win}, {"windows", "1:\\x", win},
+        {"windows", "\\\\server\\share", win}, {"windows", "   ", empty},
+        {nullptr, "/home/me", {}}, {"linux", "  /  ", {}}, {"darwin", "~/work", posix}, {nullptr, "C:\\Users", posix},
+        {"linux", "work", posix}, {"darwin", "", empty},
+        {"Windows", "C:\\x", posix},  // the system word is matched exactly
+    };
+    for (const auto& c : cases) {
+        const std::optional<QString> os = c.os ? std::optional<QString>(c.os) : std::nullopt;
+        EXPECT_EQ(validatePathFormat(c.path, os), c.error) << (c.os ? c.os : "-") << " " << c.path;
     }
-    // The system word is matched exactly.
-    EXPECT_EQ(validatePathFormat("C:\\x", QStringLiteral("Windows")), posixError);
+    EXPECT_EQ(pathPlaceholder(QStringLiteral("windows")), QStringLiteral("C:\\Users\\user"));
+    EXPECT_EQ(pathPlaceholder(std::nullopt), QStringLiteral("/home/user"));
 }

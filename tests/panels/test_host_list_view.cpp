@@ -44,6 +44,18 @@ struct HostListFixture : ::testing::Test {
         for (int i = 0; i < view.tableView->count(); ++i) out << view.cellAt(i)->host().id;
         return out;
     }
+    // A row's labels as the user reads them: name, status, users, CPU, memory.
+    QStringList cellTexts(int row) const {
+        const HostCell* c = view.cellAt(row);
+        return {c->nameLabel->text(), c->statusLabel->text(), c->userCountLabel->text(), c->cpuLabel->text(),
+                c->memLabel->text()};
+    }
+    QStringList selectedIds() const {
+        QStringList out;
+        for (const Host& h : view.hosts())
+            if (h.isSelected) out << h.id;
+        return out;
+    }
 };
 
 }  // namespace
@@ -60,11 +72,8 @@ TEST_F(HostListFixture, CellsShowTheSortedHosts) {
     ASSERT_EQ(shownIds(), QStringList({"a", "b"}));
     HostCell* first = view.cellAt(0);
     EXPECT_EQ(first->height(), HostCell::rowHeight);
-    EXPECT_EQ(first->nameLabel->text(), "host-a");
-    EXPECT_EQ(first->statusLabel->text(), "在线");
-    EXPECT_EQ(first->userCountLabel->text(), "2 人");
-    EXPECT_EQ(first->cpuLabel->text(), "CPU 12%");
-    EXPECT_EQ(first->memLabel->text(), "");
+    EXPECT_EQ(cellTexts(0), QStringList({"host-a", "在线", "2 人", "CPU 12%", ""}));
+    EXPECT_EQ(cellTexts(1), QStringList({"host-b", "离线", "0 人", "", ""}));
     EXPECT_EQ(first->statusDot->color().rgb(), QColor("#4ec9b0").rgb());
     EXPECT_FALSE(first->osIconView->pixmap().isNull());
     // Inside the list the labels draw with their foreground role, which must carry the theme's colours.
@@ -73,11 +82,7 @@ TEST_F(HostListFixture, CellsShowTheSortedHosts) {
     EXPECT_EQ(drawn(first->statusLabel), Theme::secondaryLabel());
     EXPECT_EQ(drawn(first->cpuLabel), Theme::secondaryLabel());
 
-    HostCell* second = view.cellAt(1);
-    EXPECT_EQ(second->statusLabel->text(), "离线");
-    EXPECT_EQ(second->cpuLabel->text(), "");
-    EXPECT_EQ(second->memLabel->text(), "");
-    EXPECT_EQ(second->statusDot->color().rgb(), QColor("#888888").rgb());
+    EXPECT_EQ(view.cellAt(1)->statusDot->color().rgb(), QColor("#888888").rgb());
 }
 
 TEST_F(HostListFixture, AHostNameTitlesTheRowAndTheSystemNameStays) {
@@ -91,18 +96,13 @@ TEST_F(HostListFixture, AHostNameTitlesTheRowAndTheSystemNameStays) {
     HostCell* without = view.cellAt(0);
     EXPECT_EQ(without->nameLabel->text(), "host-a");
     EXPECT_FALSE(without->osLabel->isVisibleTo(without));
-    EXPECT_EQ(without->statusLabel->text(), "在线");
-    EXPECT_FALSE(without->toolTip().contains("主机名"));
-    EXPECT_TRUE(without->toolTip().contains("配对码：560573"));
 
     HostCell* with = view.cellAt(1);
     EXPECT_EQ(with->nameLabel->text(), "build<box>#2");
     EXPECT_TRUE(with->osLabel->isVisibleTo(with));
     EXPECT_EQ(with->osLabel->text(), "Linux");
-    EXPECT_EQ(with->statusLabel->text(), "在线");
     // The tip is the server's text shown as it is, never read as markup.
-    for (const char* line : {"主机名：build&lt;box&gt;#2", "系统：Linux", "机器 ID：m2", "配对码：653525"})
-        EXPECT_TRUE(with->toolTip().contains(QString::fromUtf8(line))) << with->toolTip().toStdString();
+    EXPECT_TRUE(with->toolTip().contains("主机名：build&lt;box&gt;#2")) << with->toolTip().toStdString();
 
     // The name can go away again (an older server): the row is as it was without one.
     named.hostname.clear();
@@ -111,77 +111,73 @@ TEST_F(HostListFixture, AHostNameTitlesTheRowAndTheSystemNameStays) {
     EXPECT_FALSE(with->osLabel->isVisibleTo(with));
 }
 
-TEST_F(HostListFixture, AClickedHostStaysSelectedAcrossPolls) {
+TEST_F(HostListFixture, AClickedHostStaysSelectedAcrossPollsAndADoubleClickSelectsThenReports) {
     poll({makeHost("a", "m1", ""), makeHost("b", "m2", "")});
     view.tableView->setCurrentRow(1);  // as a click does
     EXPECT_EQ(workspace.selected, QStringList({"b"}));
-    EXPECT_TRUE(view.cellAt(1)->host().isSelected);
 
-    // The next poll brings a host that sorts first: "b" moves down a row and stays selected, and the
-    // programmatic move is not reported as a new choice.
-    poll({makeHost("b", "m2", ""), makeHost("a", "m1", ""), makeHost("c", "m0", "")});
+    // The next poll brings a host that sorts first (and claims to be selected: a fresh record never is):
+    // "b" moves down a row and stays selected, and the programmatic move is not reported as a new choice.
+    Host c = makeHost("c", "m0", "");
+    c.isSelected = true;
+    poll({makeHost("b", "m2", ""), makeHost("a", "m1", ""), c});
     ASSERT_EQ(shownIds(), QStringList({"c", "a", "b"}));
-    EXPECT_TRUE(view.cellAt(2)->host().isSelected);
-    EXPECT_FALSE(view.cellAt(0)->host().isSelected);
+    EXPECT_EQ(selectedIds(), QStringList({"b"}));
     EXPECT_EQ(view.tableView->currentRow(), 2);
     EXPECT_EQ(workspace.selected, QStringList({"b"}));
 
-    // The selected host goes away: nothing is selected and nothing is reported.
-    poll({makeHost("a", "m1", "")});
-    EXPECT_FALSE(view.cellAt(0)->host().isSelected);
-    EXPECT_EQ(workspace.selected, QStringList({"b"}));
-}
-
-TEST_F(HostListFixture, DoubleClickSelectsThenReports) {
-    poll({makeHost("a", "m1", ""), makeHost("b", "m2", "")});
-    QListWidgetItem* item = view.tableView->item(1);
-    const QPoint centre = view.tableView->visualItemRect(item).center();
-    // What a real double click delivers: a click, then the double-click press, then its release.
+    // A real double click (a click, the double-click press, its release) selects the row, then reports it.
+    const QPoint centre = view.tableView->visualItemRect(view.tableView->item(1)).center();
     QTest::mouseClick(view.tableView->viewport(), Qt::LeftButton, {}, centre);
     QTest::mouseDClick(view.tableView->viewport(), Qt::LeftButton, {}, centre);
     QTest::mouseRelease(view.tableView->viewport(), Qt::LeftButton, {}, centre);
-    EXPECT_EQ(workspace.doubleClicked, QStringList({"b"}));
-    EXPECT_TRUE(view.hosts()[1].isSelected);
-    EXPECT_FALSE(view.hosts()[0].isSelected);
+    EXPECT_EQ(workspace.doubleClicked, QStringList({"a"}));
+    EXPECT_EQ(selectedIds(), QStringList({"a"}));
+
+    // The selected host goes away: nothing is selected and nothing more is reported.
+    poll({makeHost("c", "m0", "")});
+    EXPECT_TRUE(selectedIds().isEmpty());
+    EXPECT_EQ(workspace.selected, QStringList({"b", "a"}));
 }
 
 TEST_F(HostListFixture, ResourceUpdatesTouchOnlyTheirCell) {
-    poll({makeHost("a", "m1", ""), makeHost("b", "m2", "")});
+    poll({makeHost("a", "m1", "c1"), makeHost("b", "m2", "c2")});
     HostCell* cellA = view.cellAt(0);
     view.updateHostResources("b", "77%", "5%");
-    EXPECT_EQ(view.cellAt(1)->cpuLabel->text(), "CPU 77%");
-    EXPECT_EQ(view.cellAt(1)->memLabel->text(), "MEM 5%");
-    EXPECT_EQ(view.cellAt(0)->cpuLabel->text(), "CPU 12%");
+    EXPECT_EQ(cellTexts(1), QStringList({"host-b", "在线", "1 人", "CPU 77%", "MEM 5%"}));
+    EXPECT_EQ(cellTexts(0), QStringList({"host-a", "在线", "1 人", "CPU 12%", "MEM 40%"}));
 
     Host a = view.hosts()[0];
     a.name = "renamed";
     a.status = HostStatus::connecting;
     view.updateHost(a);
     EXPECT_EQ(view.cellAt(0), cellA);  // same cell, configured in place
-    EXPECT_EQ(cellA->nameLabel->text(), "renamed");
-    EXPECT_EQ(cellA->statusLabel->text(), "连接中");
-    EXPECT_EQ(cellA->cpuLabel->text(), "");
+    EXPECT_EQ(cellTexts(0), QStringList({"renamed", "连接中", "1 人", "", ""}));
+
+    // Unknown hosts and rows change nothing.
+    EXPECT_FALSE(view.model()->updateHost(makeHost("nobody", "m9", "")));
+    EXPECT_FALSE(view.model()->updateHostResources("nobody", "1%", "1%"));
+    EXPECT_EQ(shownIds(), QStringList({"a", "b"}));
+    EXPECT_EQ(view.findHost("c2")->id, "b");
+    EXPECT_FALSE(view.findHost("c9"));
+    view.selectHost(1);
+    view.selectHost(5);
+    EXPECT_TRUE(selectedIds().isEmpty());
 }
 
-TEST_F(HostListFixture, UnauthorizedGoesBackToLoginAndAddAsksTheWorkspace) {
+TEST_F(HostListFixture, UnauthorizedGoesBackToLoginAndAddAsksTheWorkspaceWhileThereIsOne) {
     view.fetchAgents();
     fetch.answer(AgentFetchResult::failure(AdminAPIError::unauthorized()));
     ASSERT_TRUE(test::waitUntil([&] { return workspace.loginRequests == 1; }));
-
     QTest::mouseClick(view.addButton, Qt::LeftButton);
-    EXPECT_EQ(view.addButton->text(), "+ 添加受控端");
     EXPECT_EQ(workspace.addRequests, 1);
-}
 
-TEST(HostListView, AWorkspaceThatIsGoneIsNotCalled) {
-    HostListView view;
-    ManualFetch fetch;
-    view.model()->setFetchFunction(fetch.function());
-    auto* workspace = new FakeWorkspace;
-    view.setDelegate(workspace);
-    delete workspace;
+    // A workspace that is gone is not called: held strongly, both would touch freed memory.
+    auto* gone = new FakeWorkspace;
+    view.setDelegate(gone);
+    delete gone;
     view.fetchAgents();
     fetch.answer(AgentFetchResult::failure(AdminAPIError::unauthorized()));
     EXPECT_TRUE(test::waitUntil([&] { return !view.model()->isFetching(); }));
-    view.onAddClick();  // would touch freed memory if the delegate were held strongly
+    view.onAddClick();
 }

@@ -12,36 +12,19 @@
 
 using namespace ostv;
 using ostv::test::FakeLink;
+using ostv::test::Launch;
+using ostv::test::makeItem;
 
 namespace {
-
-DirectoryItem item(const QString& path, bool isDirectory = true) {
-    DirectoryItem d;
-    d.id = QUuid::createUuid();
-    d.path = path;
-    d.name = path.section('/', -1);
-    d.isDirectory = isDirectory;
-    return d;
-}
 
 User session(int ptyId, const QString& name, bool isSelf = true) {
     return User{QStringLiteral("pty-%1").arg(ptyId), name, name.left(1).toUpper(), isSelf};
 }
 
-struct Launch {
-    QString title;
-    std::optional<QString> command;
-    std::optional<QString> env;
-    QString path;
-    bool operator==(const Launch&) const = default;
-};
-
-class FakeWorkspace : public QObject, public ResourcePanelViewDelegate {
+class FakeWorkspace : public test::LaunchingWorkspace<ResourcePanelViewDelegate> {
 public:
-    bool connected = true;
     int addClicks = 0;
     QStringList clicked, edited, deleted, closed, kicked;
-    std::vector<Launch> launches;
 
     void resourcePanelViewDidClickAddSession(ResourcePanelView*) override { ++addClicks; }
     void resourcePanelViewDidClickSession(ResourcePanelView*, const User& u) override { clicked << u.id; }
@@ -49,11 +32,6 @@ public:
     void resourcePanelViewDidRequestDeleteSession(ResourcePanelView*, const User& u) override { deleted << u.id; }
     void resourcePanelViewDidRequestCloseSession(ResourcePanelView*, const User& u) override { closed << u.id; }
     void resourcePanelViewDidClickKickSession(ResourcePanelView*, const User& u) override { kicked << u.id; }
-    bool isConnected() const override { return connected; }
-    void allocateAndCreatePty(const QString& title, const std::optional<QString>& command,
-                              const std::optional<QString>& env, const QString& path) override {
-        launches.push_back({title, command, env, path});
-    }
 };
 
 struct ResourcePanelFixture : ::testing::Test {
@@ -66,27 +44,41 @@ struct ResourcePanelFixture : ::testing::Test {
         panel.setLink(&link);
         panel.resize(280, 600);
         panel.show();
-        panel.setDirectories({item("/home/u/notes.txt", false), item("/home/u/src"), item("/home/u/.bashrc", false),
-                              item("/home/u/docs")});
+        panel.setDirectories({makeItem("/home/u/notes.txt", false), makeItem("/home/u/src"),
+                              makeItem("/home/u/.bashrc", false), makeItem("/home/u/docs")});
     }
     QModelIndex row(const QString& path) const { return panel.treeModel()->indexForPath(path); }
 };
 
+QStringList menuTexts(const QMenu& menu) {  // a separator reads as ""
+    QStringList out;
+    for (QAction* a : menu.actions()) out << (a->isSeparator() ? QString() : a->text());
+    return out;
+}
+
 }  // namespace
 
-TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnce) {
+TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnceAndOnlyWithALinkAndAWorkspace) {
     ASSERT_EQ(panel.treeModel()->rowCount(), 2);
     const QModelIndex src = row("/home/u/src");
-
+    // Without a link nothing is sent, and a skipped request does not count as asked.
+    link.connected = false;
     panel.outlineView->expand(src);
-    EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src"}));
-    // Collapsing and expanding again before the answer arrives does not ask twice.
+    EXPECT_TRUE(link.sent.empty());
     panel.outlineView->collapse(src);
+    link.connected = true;
+
+    // A double click toggles; expanding again before the answer arrives does not ask twice.
+    panel.onOutlineDoubleClick(src);
+    EXPECT_TRUE(panel.outlineView->isExpanded(src));
+    EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src"}));
+    panel.onOutlineDoubleClick(src);
+    EXPECT_FALSE(panel.outlineView->isExpanded(src));
     panel.outlineView->expand(src);
     EXPECT_EQ(link.listedPaths().size(), 1u);
 
     // The answer fills the node, which stays open; files do not appear.
-    panel.setChildren({item("/home/u/src/a"), item("/home/u/src/main.cpp", false), item("/home/u/src/b")},
+    panel.setChildren({makeItem("/home/u/src/a"), makeItem("/home/u/src/main.cpp", false), makeItem("/home/u/src/b")},
                       "/home/u/src");
     EXPECT_TRUE(panel.outlineView->isExpanded(row("/home/u/src")));
     EXPECT_EQ(panel.treeModel()->rowCount(row("/home/u/src")), 2);
@@ -102,61 +94,34 @@ TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnce) {
     panel.outlineView->collapse(row("/home/u/docs"));
     panel.outlineView->expand(row("/home/u/docs"));
     EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src", "/home/u/docs"}));
-}
 
-TEST_F(ResourcePanelFixture, NoListingWithoutLinkOrWorkspace) {
-    link.connected = false;
-    panel.outlineView->expand(row("/home/u/src"));
-    EXPECT_TRUE(link.sent.empty());
-    // Once the link is back, the next expansion asks: a skipped request does not count as asked.
-    link.connected = true;
-    panel.outlineView->collapse(row("/home/u/src"));
-    panel.outlineView->expand(row("/home/u/src"));
-    EXPECT_EQ(link.listedPaths().size(), 1u);
-
+    // Without a workspace nothing is asked either.
     panel.setDelegate(nullptr);
-    panel.outlineView->expand(row("/home/u/docs"));
-    EXPECT_EQ(link.listedPaths().size(), 1u);
-}
-
-TEST_F(ResourcePanelFixture, DoubleClickTogglesADirectory) {
-    const QModelIndex src = row("/home/u/src");
-    panel.onOutlineDoubleClick(src);
-    EXPECT_TRUE(panel.outlineView->isExpanded(src));
-    panel.onOutlineDoubleClick(src);
-    EXPECT_FALSE(panel.outlineView->isExpanded(src));
-    EXPECT_EQ(link.listedPaths().size(), 1u);
+    panel.setDirectories({makeItem("/home/u/other")});
+    panel.outlineView->expand(row("/home/u/other"));
+    EXPECT_EQ(link.listedPaths().size(), 2u);
 }
 
 TEST_F(ResourcePanelFixture, ToolsStartInTheClickedDirectoryOnlyWhileConnected) {
-    panel.launchClaude(row("/home/u/docs"));
-    panel.launchKimi(row("/home/u/src"));
-    ASSERT_EQ(workspace.launches.size(), 2u);
-    EXPECT_EQ(workspace.launches[0], (Launch{"Claude", QString("claude"), std::nullopt, "/home/u/docs"}));
-    EXPECT_EQ(workspace.launches[1], (Launch{"Kimi", QString("kimi"), std::nullopt, "/home/u/src"}));
+    // The menu of a row holds the two tools in order and starts the chosen one there.
+    std::unique_ptr<QMenu> menu(panel.makeTreeMenu(row("/home/u/src"), &panel));
+    ASSERT_TRUE(menu);
+    ASSERT_EQ(menuTexts(*menu), QStringList({"🚀 在此目录启动 Kimi", "🤖 在此目录启动 Claude"}));
+    menu->actions()[0]->trigger();
+    menu->actions()[1]->trigger();
+    EXPECT_EQ(workspace.launches, (std::vector<Launch>{{"Kimi", QString("kimi"), std::nullopt, "/home/u/src"},
+                                                       {"Claude", QString("claude"), std::nullopt, "/home/u/src"}}));
 
-    // Right-click below the last row: no menu, nothing started.
+    // Right-click below the last row: no menu. Nothing starts without a row or while disconnected.
     EXPECT_EQ(panel.makeTreeMenu(QModelIndex(), &panel), nullptr);
     panel.launchClaude(QModelIndex());
     workspace.connected = false;
-    panel.launchClaude(row("/home/u/docs"));
+    panel.launchKimi(row("/home/u/docs"));
     EXPECT_EQ(workspace.launches.size(), 2u);
-
-    // The menu of a row holds the two tools in order and starts the chosen one.
-    workspace.connected = true;
-    std::unique_ptr<QMenu> menu(panel.makeTreeMenu(row("/home/u/src"), &panel));
-    ASSERT_TRUE(menu);
-    ASSERT_EQ(menu->actions().size(), 2);
-    EXPECT_EQ(menu->actions()[0]->text(), "🚀 在此目录启动 Kimi");
-    EXPECT_EQ(menu->actions()[1]->text(), "🤖 在此目录启动 Claude");
-    menu->actions()[1]->trigger();
-    ASSERT_EQ(workspace.launches.size(), 3u);
-    EXPECT_EQ(workspace.launches[2], (Launch{"Claude", QString("claude"), std::nullopt, "/home/u/src"}));
 }
 
 TEST_F(ResourcePanelFixture, SessionRowsHeaderAndHighlight) {
     EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (0/8)");
-    EXPECT_EQ(panel.addSessionButton->text(), "+  添加新的本机会话");
     panel.setUsers({session(1, "api"), session(2, "web"), session(13, "ops"), session(13, "ops (bob)", false)}, 8);
     EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (4/8)");
     ASSERT_EQ(panel.userCells().size(), 4);
@@ -164,25 +129,26 @@ TEST_F(ResourcePanelFixture, SessionRowsHeaderAndHighlight) {
     EXPECT_EQ(panel.userCells()[2]->kickButton->toolTip(), "关闭会话");
     EXPECT_EQ(panel.userCells()[3]->kickButton->toolTip(), "接管会话");
 
+    const auto active = [&] {
+        QList<bool> out;
+        for (UserCell* c : panel.userCells()) out << c->isActiveSession();
+        return out;
+    };
     panel.highlightSession(13);
-    QList<bool> active;
-    for (UserCell* c : panel.userCells()) active << c->isActiveSession();
     // 13 is not mistaken for 1, and another client's 13 is not ours.
-    EXPECT_EQ(active, QList<bool>({false, false, true, false}));
+    EXPECT_EQ(active(), QList<bool>({false, false, true, false}));
     EXPECT_EQ(panel.activePtyId(), 13);
 
     // The highlight survives a rebuild of the rows.
     panel.addUser(session(4, "db"));
     EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (5/8)");
-    active.clear();
-    for (UserCell* c : panel.userCells()) active << c->isActiveSession();
-    EXPECT_EQ(active, QList<bool>({false, false, true, false, false}));
+    EXPECT_EQ(active(), QList<bool>({false, false, true, false, false}));
 
     QTest::mouseClick(panel.addSessionButton, Qt::LeftButton);
     EXPECT_EQ(workspace.addClicks, 1);
 }
 
-TEST_F(ResourcePanelFixture, RowClicksAndMenuReachTheWorkspace) {
+TEST_F(ResourcePanelFixture, RowClicksAndMenuReachTheWorkspaceAndDeleteAsksFirst) {
     panel.setUsers({session(1, "api"), session(2, "web")}, 8);
     UserCell* web = panel.userCells()[1];
     QTest::mouseClick(web, Qt::LeftButton);
@@ -191,17 +157,9 @@ TEST_F(ResourcePanelFixture, RowClicksAndMenuReachTheWorkspace) {
     EXPECT_EQ(workspace.kicked, QStringList({"pty-2"}));
 
     std::unique_ptr<QMenu> menu(web->makeContextMenu(&panel));
-    QList<QAction*> items;
-    for (QAction* a : menu->actions())
-        if (!a->isSeparator()) items << a;
-    ASSERT_EQ(items.size(), 3);
-    EXPECT_TRUE(menu->actions()[1]->isSeparator());
-    EXPECT_EQ(items[0]->text(), "⚙ 编辑环境变量…");
-    EXPECT_EQ(items[1]->text(), "✕ 关闭会话");
-    EXPECT_EQ(items[2]->text(), "🗑 删除会话（含环境变量）");
-
-    items[0]->trigger();
-    items[1]->trigger();
+    ASSERT_EQ(menuTexts(*menu), QStringList({"⚙ 编辑环境变量…", "", "✕ 关闭会话", "🗑 删除会话（含环境变量）"}));
+    menu->actions()[0]->trigger();
+    menu->actions()[2]->trigger();
     // The rows are rebuilt before the queued choices run: they still arrive.
     panel.setUsers({session(1, "api"), session(2, "web"), session(2, "web (bob)", false)}, 8);
     ASSERT_TRUE(test::waitUntil([&] { return !workspace.closed.isEmpty(); }));
@@ -210,35 +168,22 @@ TEST_F(ResourcePanelFixture, RowClicksAndMenuReachTheWorkspace) {
 
     // Another client's row offers no close or delete, only what applies: its variables and a takeover.
     std::unique_ptr<QMenu> other(panel.userCells()[2]->makeContextMenu(&panel));
-    QStringList texts;
-    for (QAction* a : other->actions())
-        if (!a->isSeparator()) texts << a->text();
-    ASSERT_EQ(texts, QStringList({"⚙ 编辑环境变量…", "⇄ 接管会话"}));
+    ASSERT_EQ(menuTexts(*other), QStringList({"⚙ 编辑环境变量…", "", "⇄ 接管会话"}));
     other->actions().last()->trigger();
     ASSERT_TRUE(test::waitUntil([&] { return workspace.kicked.size() == 2; }));
-    EXPECT_EQ(workspace.closed, QStringList({"pty-2"}));
-    EXPECT_TRUE(workspace.deleted.isEmpty());
-}
 
-TEST_F(ResourcePanelFixture, DeleteGoesThroughOnlyWhenConfirmed) {
-    panel.setUsers({session(1, "api"), session(2, "web")}, 8);
-    auto saved = UserCell::deleteConfirmation();
+    // Deleting asks first: "no" keeps the session, "yes" lets it go.
+    const auto saved = UserCell::deleteConfirmation();
     int asked = 0;
-    bool answer = false;
-    UserCell::deleteConfirmation() = [&](QWidget*) {
-        ++asked;
-        return answer;
-    };
+    UserCell::deleteConfirmation() = [&](QWidget*) { return ++asked == 2; };
     panel.userCells()[0]->confirmAndDelete();
-    EXPECT_EQ(asked, 1);
     EXPECT_TRUE(workspace.deleted.isEmpty());
-    answer = true;
-    std::unique_ptr<QMenu> menu(panel.userCells()[0]->makeContextMenu(&panel));
-    menu->actions().last()->trigger();
+    std::unique_ptr<QMenu> first(panel.userCells()[0]->makeContextMenu(&panel));
+    first->actions().last()->trigger();
     EXPECT_TRUE(test::waitUntil([&] { return !workspace.deleted.isEmpty(); }));
+    UserCell::deleteConfirmation() = saved;
     EXPECT_EQ(asked, 2);
     EXPECT_EQ(workspace.deleted, QStringList({"pty-1"}));
-    UserCell::deleteConfirmation() = saved;
 }
 
 TEST(UserCellDialog, TheWarningAsksWithItsOwnButtons) {
