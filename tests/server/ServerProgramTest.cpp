@@ -64,17 +64,12 @@ TEST(ServerProgram, PrintsWhereItListensAndEveryAgentAndKeepsThemOnRestart) {
     }
     EXPECT_EQ(codes.size(), 3u);
     const auto before = server.agents();
-    const quint16 quic = server.quicPort(), admin = server.adminPort();
 
+    // Started again (on the same ports with the same codes): the same certificate and machine ids.
     ASSERT_TRUE(server.restart()) << server.errorString().toStdString();
-    EXPECT_EQ(readCert(), cert) << "the same certificate after a restart";
-    EXPECT_EQ(server.quicPort(), quic);
-    EXPECT_EQ(server.adminPort(), admin);
+    EXPECT_EQ(readCert(), cert);
     ASSERT_EQ(server.agents().size(), 3u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(server.agents()[i].code, before[i].code);
-        EXPECT_EQ(server.agents()[i].machineId, before[i].machineId) << "machine ids are stable";
-    }
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(server.agents()[i].machineId, before[i].machineId) << i;
 }
 
 TEST(ServerProgram, BadCommandLineAndTakenPortsEndWithAClearMessage) {
@@ -198,7 +193,6 @@ TEST(AdminApi, SignInWithTheGivenCredentialsThenTheAgentList) {
         EXPECT_EQ(a["os"].toString(), "linux");
         EXPECT_EQ(a["hostname"].toString(), QStringLiteral("lab box#%1").arg(i + 1));
         EXPECT_EQ(a["hostname"].toString(), printed.hostname);
-        EXPECT_TRUE(a["controller_count"].isDouble());
         EXPECT_EQ(a["controller_count"].toInt(-1), 0);
         EXPECT_GE(a["cpu"].toDouble(-1), 0.0);
         EXPECT_GT(a["mem"].toDouble(-1), 0.0);
@@ -274,6 +268,24 @@ TEST_F(RoundTrip, PairedControllerWorksARealShell) {
     EXPECT_NE(burst.find(std::string(300000, 'x')), std::string::npos);
     EXPECT_EQ(a->undecodable(), 0) << "every line over the wire is one whole JSON object";
 
+    // What only the real link sees of bad input (the rules in detail are tested in-process): a line far
+    // beyond the size limit is dropped and the stream goes on after it; bad lines are logged.
+    from = a->mark();
+    const size_t logMark = server->outputMark();
+    a->sendRaw("this is not json");
+    a->sendRaw(std::string(17 * 1024 * 1024, 'a'));
+    Message ping("latency_ping");
+    ping.ts = 1712345678901;
+    a->send(ping);
+    auto pong = a->waitFor("latency_pong", from, 30000);
+    ASSERT_TRUE(pong) << "the relay still reads this controller";
+    EXPECT_EQ(pong->ts, 1712345678901);
+    EXPECT_GE(pong->cpu.value_or(-1), 0.0) << "the machine's load";
+    EXPECT_GT(pong->mem.value_or(-1), 0.0);
+    EXPECT_EQ(a->received("error", from).size(), 1u);
+    EXPECT_TRUE(server->waitForOutput("Dropped a line", 5000, logMark)) << "the long line reached the server";
+    EXPECT_TRUE(server->waitForOutput("bad line", 5000, logMark));
+
     // A shell that ends is reported and no longer listed.
     from = a->mark();
     a->send(input(1, "exit\r"));
@@ -281,17 +293,6 @@ TEST_F(RoundTrip, PairedControllerWorksARealShell) {
     ASSERT_TRUE(exit);
     EXPECT_EQ(exit->ptyId, 1);
     EXPECT_TRUE(waitUntil([&] { return a->listPtys().empty(); }, 5000));
-
-    // The ping is answered with the same stamp and the machine's load.
-    from = a->mark();
-    Message ping("latency_ping");
-    ping.ts = 1712345678901;
-    a->send(ping);
-    auto pong = a->waitFor("latency_pong", from);
-    ASSERT_TRUE(pong);
-    EXPECT_EQ(pong->ts, 1712345678901);
-    EXPECT_GE(pong->cpu.value_or(-1), 0.0);
-    EXPECT_GT(pong->mem.value_or(-1), 0.0);
 }
 
 // A controller that disconnects is announced as gone. The relay stopped (SIGUSR1, the way a relay
@@ -314,6 +315,7 @@ TEST_F(RoundTrip, ShellsOutliveTheirConnectionsAndTheRelay) {
     EXPECT_EQ(left->id, idB);
 
     a->send(input(1, "cd /tmp; sleep 1; echo while-away-$((5*5))\r"));
+    ASSERT_TRUE(a->waitOutput(1, "while-away-$((5*5))", aMark)) << "the line has reached the shell";
     ASSERT_TRUE(server->stopRelay());
     EXPECT_TRUE(a->waitClosedByServer(5000));
     EXPECT_TRUE(server->isRunning());
@@ -335,37 +337,6 @@ TEST_F(RoundTrip, ShellsOutliveTheirConnectionsAndTheRelay) {
     EXPECT_TRUE(again->waitOutput(1, "while-away-25")) << again->output(1);
     for (const PtyListItem& p : again->listPtys())
         EXPECT_EQ(p.controllerId == idAgain, p.clientId == "client-a") << p.clientId.value_or("");
-}
-
-// What only the real link sees (the line rules themselves are tested in-process): a line far beyond the
-// size limit is dropped and the stream goes on after it, bad lines are logged, and nobody else notices.
-TEST_F(RoundTrip, BadInputDoesNotDisturbTheServerOrOtherControllers) {
-    startServer();
-    auto good = controller();
-    ASSERT_FALSE(good->pair(code(), "alice").empty());
-    good->send(create(1, "client-a"));
-
-    auto bad = controller();
-    const size_t from = bad->mark();
-    bad->sendRaw("this is not json");
-    bad->sendRaw(R"({"type":"CREATE_PTY","pty_id":1})");  // before pairing
-    ASSERT_TRUE(waitUntil([&] { return bad->received("error", from).size() >= 2; }, 8000));
-    const size_t logMark = server->outputMark();
-    bad->sendRaw(std::string(17 * 1024 * 1024, 'a'));
-    Message ping("latency_ping");
-    ping.ts = 42;
-    bad->send(ping);
-    auto pong = bad->waitFor("latency_pong", from, 30000);
-    ASSERT_TRUE(pong) << "the relay still reads this controller";
-    EXPECT_EQ(pong->ts, 42);
-    EXPECT_TRUE(server->waitForOutput("Dropped a line", 5000, logMark)) << "the long line reached the server";
-    EXPECT_TRUE(bad->isReady());
-
-    const size_t goodFrom = good->mark();
-    good->send(input(1, "echo fine-$((9*9))\r"));
-    EXPECT_TRUE(good->waitOutput(1, "fine-81", goodFrom));
-    EXPECT_TRUE(good->received("error").empty());
-    EXPECT_NE(server->output().find("bad line"), std::string::npos) << "bad input is logged";
 }
 
 // The number after `key` in a shell's output.
