@@ -3,6 +3,7 @@
 // only the real link sees of bad input, and the stop. The relay's and agents' rules in detail are
 // tested in-process (RelayAgentTest.cpp).
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
@@ -316,11 +317,14 @@ TEST_F(RoundTrip, ShellsOutliveTheirConnectionsAndTheRelay) {
 
     a->send(input(1, "cd /tmp; sleep 1; echo while-away-$((5*5))\r"));
     ASSERT_TRUE(a->waitOutput(1, "while-away-$((5*5))", aMark)) << "the line has reached the shell";
+    QElapsedTimer typed;
+    typed.start();
     ASSERT_TRUE(server->stopRelay());
     EXPECT_TRUE(a->waitClosedByServer(5000));
     EXPECT_TRUE(server->isRunning());
     ASSERT_TRUE(server->startRelay());
     EXPECT_FALSE(server->startRelay(500)) << "starting a relay that runs changes nothing";
+    while (typed.elapsed() < 1500) spin(50);  // the shell has written while nobody was connected
 
     auto again = controller();
     const std::string idAgain = again->pair(code(), "alice");
