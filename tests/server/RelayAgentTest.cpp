@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <tuple>
 #include <unistd.h>
 
 #include "FakeLink.h"
@@ -13,8 +14,8 @@
 #include "agent/Agent.h"
 #include "agent/PtyProcess.h"
 #include "link/AgentHub.h"
-#include "relay/AgentPort.h"
 #include "link/AgentWire.h"
+#include "relay/AgentPort.h"
 #include "relay/Relay.h"
 
 using namespace ostv;
@@ -30,31 +31,29 @@ namespace {
 
 class RelayTest : public ::testing::Test {
 protected:
-    void SetUp() override { build(1, 8); }
+    void SetUp() override { build(8); }
     void TearDown() override {
         relay.reset();
         agents.clear();
         ChildReaper::drainAll(3000);
     }
 
-    void build(int agentCount, int limit) {
+    // One agent, code 111111, with a fresh home folder.
+    void build(int limit) {
         relay.reset();
         agents.clear();
         home = ostv::test::makeTempDir(QStringLiteral("home"));
-        std::vector<Agent*> raw;
-        for (int i = 0; i < agentCount; ++i) {
-            AgentConfig c;
-            c.index = i + 1;
-            c.code = std::to_string(111111 * (i + 1));
-            c.machineId = "m" + std::to_string(i + 1);
-            c.homeDir = home;
-            c.shell = QStringLiteral("/bin/sh");
-            c.limit = limit;
-            c.typingFirst = typingFirst;
-            agents.push_back(std::make_unique<Agent>(c));
-            raw.push_back(agents.back().get());
-        }
-        relay = std::make_unique<Relay>(raw, [] { return std::pair<double, double>{12.5, 40.0}; });
+        AgentConfig c;
+        c.index = 1;
+        c.code = "111111";
+        c.machineId = "m1";
+        c.homeDir = home;
+        c.shell = QStringLiteral("/bin/sh");
+        c.limit = limit;
+        c.typingFirst = typingFirst;
+        agents.push_back(std::make_unique<Agent>(c));
+        relay = std::make_unique<Relay>(std::vector<Agent*>{agents[0].get()},
+                                        [] { return std::pair<double, double>{12.5, 40.0}; });
     }
 
     Peer connect(const QString& sni = {}) {
@@ -73,13 +72,31 @@ protected:
         return m;
     }
 
-    // Pairs a new controller with the first agent; answers its controller id.
-    std::string pair(Peer& p, const std::string& nick, const std::string& code = "111111") {
-        p = connect();
-        p.send(pairMsg(code, nick));
-        auto paired = p->received("paired");
-        EXPECT_EQ(paired.size(), 1u) << nick;
-        return paired.empty() ? std::string() : paired.front().id.value_or("");
+    // A new controller paired with the agent, and its controller id.
+    Peer paired(const std::string& nick, std::string* id = nullptr) {
+        Peer p = connect();
+        p.send(pairMsg("111111", nick));
+        auto answer = p->received("paired");
+        EXPECT_EQ(answer.size(), 1u) << nick;
+        if (id) *id = answer.empty() ? std::string() : answer.front().id.value_or("");
+        return p;
+    }
+    static Message takeover(const std::string& id) {
+        Message m("takeover");
+        m.targetControllerId = id;
+        return m;
+    }
+    static Message fsList(const std::string& path, const std::string& op = "list") {
+        Message m("fs_op");
+        m.op = op;
+        m.path = path;
+        return m;
+    }
+
+    static Message ping(int64_t ts) {
+        Message m("latency_ping");
+        m.ts = ts;
+        return m;
     }
 
     std::vector<PtyListItem> listPtys(Peer& p) {
@@ -125,18 +142,19 @@ TEST_F(RelayTest, WrongCodesAreRefusedClosedAndLimitedWhileTheServerNameCanStand
     chatty.send(pairMsg("111111", "chatty"));
     EXPECT_EQ(chatty->received("paired").size(), 1u) << "the right code pairs once the wait is over";
 
+    // No code, but the server name carries it; no nickname: the others see a default one.
     Peer bySni = connect(QStringLiteral("ctrl-111111"));
-    Message m("pair");
-    m.nickname = "sni";
-    bySni.send(m);
+    bySni.send(Message("pair"));
     EXPECT_EQ(bySni->received("paired").size(), 1u);
+    ASSERT_EQ(chatty->received("controller_joined").size(), 1u);
+    EXPECT_EQ(chatty->received("controller_joined")[0].nickname, "未命名");
 }
 
 TEST_F(RelayTest, FullAgentOffersItsControllersAndTakeoverKicksTheChosenOne) {
-    build(1, 2);
-    Peer a, b;
-    std::string idA = pair(a, "alice");
-    std::string idB = pair(b, "bob");
+    build(2);
+    std::string idA, idB;
+    Peer a = paired("alice", &idA);
+    Peer b = paired("bob", &idB);
     a.send(create(1, "client-a"));
 
     Peer c = connect();
@@ -146,102 +164,85 @@ TEST_F(RelayTest, FullAgentOffersItsControllersAndTakeoverKicksTheChosenOne) {
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0].limit, 2);
     EXPECT_EQ(list[0].current, 2);
-    ASSERT_TRUE(list[0].controllers.has_value());
-    ASSERT_EQ(list[0].controllers->size(), 2u);
-    EXPECT_EQ((*list[0].controllers)[0].id, idA);
-    EXPECT_EQ((*list[0].controllers)[0].nickname, "alice");
-    EXPECT_EQ((*list[0].controllers)[0].workspacePty, "1");
-    EXPECT_EQ((*list[0].controllers)[1].id, idB);
-    EXPECT_FALSE((*list[0].controllers)[1].workspacePty.has_value());
+    ASSERT_TRUE(list[0].controllers && list[0].controllers->size() == 2u);
+    const auto& seated = *list[0].controllers;
+    EXPECT_EQ(seated[0].id, idA);
+    EXPECT_EQ(seated[0].nickname, "alice");
+    EXPECT_EQ(seated[0].cwd, "~");
+    EXPECT_EQ(seated[0].workspacePty, "1");
+    EXPECT_EQ(seated[1].id, idB);
+    EXPECT_FALSE(seated[1].workspacePty.has_value());
     EXPECT_EQ(agents[0]->controllerCount(), 2) << "a controller choosing is not seated";
 
     // A request before being seated is refused; the choice is still open afterwards.
     c.send(Message("LIST_PTY"));
     EXPECT_EQ(c->received("error").size(), 1u);
 
-    Message takeover("takeover");
-    takeover.targetControllerId = idA;
-    c.send(takeover);
+    c.send(takeover(idA));
     auto kicked = a->received("kicked");
     ASSERT_EQ(kicked.size(), 1u);
     EXPECT_EQ(kicked[0].by, "carol");
-    EXPECT_FALSE(kicked[0].reason.value_or("").empty());
+    EXPECT_EQ(kicked[0].reason.value_or(""), "控制席位已被其他控制端接管");
     EXPECT_TRUE(a->closedByServer);
 
-    auto paired = c->received("paired");
-    ASSERT_EQ(paired.size(), 1u);
-    std::string idC = paired[0].id.value_or("");
+    auto pairedC = c->received("paired");
+    ASSERT_EQ(pairedC.size(), 1u);
     auto left = b->received("controller_left");
     ASSERT_EQ(left.size(), 1u);
     EXPECT_EQ(left[0].id, idA);
     auto joined = b->received("controller_joined");
     ASSERT_EQ(joined.size(), 1u);
-    EXPECT_EQ(joined[0].id, idC);
-    EXPECT_EQ(agents[0]->controllerCount(), 2);
+    EXPECT_EQ(joined[0].id, pairedC[0].id);
+    EXPECT_EQ(joined[0].nickname, "carol");
 
     // The kicked link's close must not count as a second departure.
     spin(50);
     EXPECT_EQ(b->received("controller_left").size(), 1u);
     EXPECT_EQ(agents[0]->controllerCount(), 2);
-    // Its shell lives on for its client.
-    auto ptys = listPtys(b);
+    // Its shell lives on for its client, and the one who took the seat can end it.
+    auto ptys = listPtys(c);
     ASSERT_EQ(ptys.size(), 1u);
     EXPECT_EQ(ptys[0].clientId, "client-a");
+    c.send(withPty("CLOSE_PTY", 1));
+    EXPECT_TRUE(waitUntil([&] { return agents[0]->ptyCount() == 0; }));
 }
 
 TEST_F(RelayTest, TakeoverOfAControllerThatIsGoneAsksAgainOrUsesTheFreedSeat) {
-    build(1, 1);
-    Peer a;
-    std::string idA = pair(a, "alice");
+    build(1);
+    std::string idA;
+    Peer a = paired("alice", &idA);
     Peer c = connect();
     c.send(pairMsg("111111", "carol"));
     ASSERT_EQ(c->received("controller_list").size(), 1u);
 
-    Message t("takeover");
-    t.targetControllerId = "no-such-controller";
-    c.send(t);
+    c.send(takeover("no-such-controller"));
     EXPECT_EQ(c->received("error").size(), 1u);
     EXPECT_EQ(c->received("controller_list").size(), 2u) << "the list is offered again";
     EXPECT_TRUE(a->received("kicked").empty());
 
     a.leave();
     ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
-    t.targetControllerId = idA;
-    c.send(t);
+    c.send(takeover(idA));
     EXPECT_EQ(c->received("paired").size(), 1u);
 }
 
-TEST_F(RelayTest, LatencyPingIsAnsweredWithTheSameStampAndTheLoad) {
-    Peer p = connect();  // answered even before pairing
-    Message ping("latency_ping");
-    ping.ts = 1700000000123;
-    p.send(ping);
-    auto pong = p->received("latency_pong");
-    ASSERT_EQ(pong.size(), 1u);
-    EXPECT_EQ(pong[0].ts, 1700000000123);
-    EXPECT_DOUBLE_EQ(pong[0].cpu.value_or(-1), 12.5);
-    EXPECT_DOUBLE_EQ(pong[0].mem.value_or(-1), 40.0);
-}
-
 TEST_F(RelayTest, CreateFailuresAreReportedPerShell) {
-    Peer a;
-    pair(a, "alice");
-    a.send(create(3, "client-a", "/definitely/not/here"));
-    auto err = a->received("PTY_ERROR");
-    ASSERT_EQ(err.size(), 1u);
-    EXPECT_EQ(err[0].ptyId, 3);
-    EXPECT_NE(err[0].reason.value_or("").find("/definitely/not/here"), std::string::npos);
-
     QFile f(QDir(home).filePath("plain.txt"));
     ASSERT_TRUE(f.open(QIODevice::WriteOnly));
     f.close();
-    a.send(create(4, "client-a", "~/plain.txt"));
-    EXPECT_EQ(a->received("PTY_ERROR").size(), 2u) << "a file is no working directory";
+    Peer a = paired("alice");
+    // A folder that is missing or a file; ids below 1 (the client takes 0 for "no shell").
+    const std::pair<int64_t, const char*> bad[] = {{3, "/definitely/not/here"}, {4, "~/plain.txt"}, {0, "~"}, {-4, "~"}};
+    for (const auto& [id, cwd] : bad) a.send(create(id, "client-a", cwd));
+    auto err = a->received("PTY_ERROR");
+    ASSERT_EQ(err.size(), 4u);
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(err[i].ptyId, bad[i].first);
+    EXPECT_NE(err[0].reason.value_or("").find("/definitely/not/here"), std::string::npos);
 
     // An id the client already runs is refused and the running shell is left alone.
     a.send(create(5, "client-a"));
     a.send(create(5, "client-a"));
-    ASSERT_EQ(a->received("PTY_ERROR").size(), 3u);
+    ASSERT_EQ(a->received("PTY_ERROR").size(), 5u);
     EXPECT_EQ(a->received("PTY_ERROR").back().ptyId, 5);
     a.send(input(5, "echo still=$((2+3))\r"));
     EXPECT_TRUE(a->waitOutput(5, "still=5"));
@@ -249,9 +250,9 @@ TEST_F(RelayTest, CreateFailuresAreReportedPerShell) {
 }
 
 TEST_F(RelayTest, ShellsOfTwoClientsWithTheSameIdStaySeparate) {
-    Peer a, b;
-    std::string idA = pair(a, "alice");
-    std::string idB = pair(b, "bob");
+    std::string idA, idB;
+    Peer a = paired("alice", &idA);
+    Peer b = paired("bob", &idB);
     a.send(create(1, "client-a"));
     b.send(create(1, "client-b"));
     a.send(input(1, "echo A$((100+1))\r"));
@@ -277,51 +278,41 @@ TEST_F(RelayTest, ShellsOfTwoClientsWithTheSameIdStaySeparate) {
     ASSERT_EQ(ptys.size(), 1u);
     EXPECT_EQ(ptys[0].clientId, "client-a");
     EXPECT_TRUE(a->received("PTY_EXIT").empty());
-}
 
-TEST_F(RelayTest, ClosingAnotherClientsSessionEndsItForItsOwner) {
-    Peer a, b;
-    pair(a, "alice");
-    pair(b, "bob");
-    a.send(create(2, "client-a"));
-    b.send(create(7, "client-b"));
-    b.send(withPty("CLOSE_PTY", 2));
-    auto exit = a->waitFor("PTY_EXIT", 0, 1000);
-    ASSERT_TRUE(exit);
-    EXPECT_EQ(exit->ptyId, 2);
-    auto ptys = listPtys(b);
-    ASSERT_EQ(ptys.size(), 1u);
-    EXPECT_EQ(ptys[0].ptyId, 7);
-
-    // Typing is only for one's own shells: bob's input for an id he does not have goes nowhere.
+    // Typing is only for one's own shells: bob's input for an id he does not have goes nowhere...
     a.send(create(3, "client-a"));
-    size_t mark = a->lines.size();
+    const size_t mark = a->lines.size();
     b.send(input(3, "echo leaked$((1+1))\r"));
     spin(300);
     EXPECT_EQ(a->output(3, mark).find("leaked2"), std::string::npos);
+    // ...but closing another client's session ends it for its owner.
+    b.send(withPty("CLOSE_PTY", 3));
+    auto exit = a->waitFor("PTY_EXIT", 0, 1000);
+    ASSERT_TRUE(exit);
+    EXPECT_EQ(exit->ptyId, 3);
+    EXPECT_EQ(listPtys(b).size(), 1u);
 }
 
 TEST_F(RelayTest, ReattachAmongSeveralLeftOverShellsGoesByNicknameOrNowhere) {
-    Peer a, b;
-    pair(a, "alice");
-    pair(b, "bob");
-    a.send(create(1, "client-a"));
-    b.send(create(1, "client-b"));
-    a.leave();
-    b.leave();
-    ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
-
+    {
+        Peer a = paired("alice");
+        Peer b = paired("bob");
+        a.send(create(1, "client-a"));
+        b.send(create(1, "client-b"));
+        a.leave();
+        b.leave();
+        ASSERT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
+    }
     // Somebody else cannot tell which shell 1 is meant: nothing is bound, nothing typed.
-    Peer carol;
-    pair(carol, "carol");
+    std::string idCarol, idBob;
+    Peer carol = paired("carol", &idCarol);
     carol.send(input(1, "echo wrong$((2+2))\r"));
     spin(300);
     EXPECT_EQ(carol->output(1).find("wrong4"), std::string::npos);
-    for (const PtyListItem& p : listPtys(carol)) EXPECT_NE(p.controllerId, carol->received("paired")[0].id);
+    for (const PtyListItem& p : listPtys(carol)) EXPECT_NE(p.controllerId, idCarol);
 
     // Bob coming back gets his own.
-    Peer bob;
-    std::string idBob = pair(bob, "bob");
+    Peer bob = paired("bob", &idBob);
     bob.send(input(1, "echo mine$((3+3))\r"));
     EXPECT_TRUE(bob->waitOutput(1, "mine6"));
     for (const PtyListItem& p : listPtys(bob))
@@ -339,54 +330,43 @@ TEST_F(RelayTest, DirectoryListing) {
     }
     ASSERT_TRUE(QFile::link(h.filePath("beta"), h.filePath("link-to-beta")));
 
-    Peer a;
-    pair(a, "alice");
-    auto ask = [&](std::optional<std::string> path, const std::string& op = "list") {
-        Message m("fs_op");
-        m.op = op;
-        m.path = path;
+    Peer a = paired("alice");
+    auto ask = [&](const std::string& path, const std::string& op = "list") {
         const size_t from = a->lines.size();
-        a.send(m);
+        a.send(fsList(path, op));
         EXPECT_TRUE(waitUntil([&] { return a->lines.size() > from; }));
-        if (a->lines.size() <= from) return FSResultEnvelope{};
-        auto r = FSResultEnvelope::decode(a->lines.back());
-        EXPECT_TRUE(r.ok()) << a->lines.back();
+        auto r = a->lines.size() > from ? FSResultEnvelope::decode(a->lines.back()) : FSResultEnvelope::decode("");
+        EXPECT_TRUE(r.ok()) << path;
         return r ? r.value() : FSResultEnvelope{};
     };
 
-    FSResultEnvelope top = ask(std::string("."));
+    FSResultEnvelope top = ask(".");
     EXPECT_TRUE(top.success);
     EXPECT_EQ(top.op, "list");
     EXPECT_EQ(top.path, ".");
     ASSERT_TRUE(top.data.has_value());
-    std::vector<std::string> names;
-    for (const auto& e : *top.data) names.push_back(e.name);
-    // Visible folders, then hidden ones, then files the same way.
-    EXPECT_EQ(names, (std::vector<std::string>{"Alpha", "beta", "link-to-beta", ".cache", "zeta.txt", ".bashrc"}));
+    // Visible folders, then hidden ones, then files the same way; a link to a folder is a marked folder.
+    std::vector<std::tuple<std::string, std::string, bool>> entries;
+    for (const auto& e : *top.data) entries.emplace_back(e.name, e.fileType, e.isSymlink);
+    EXPECT_EQ(entries, (decltype(entries){{"Alpha", "directory", false}, {"beta", "directory", false},
+                                          {"link-to-beta", "directory", true}, {".cache", "directory", false},
+                                          {"zeta.txt", "file", false}, {".bashrc", "file", false}}));
     EXPECT_EQ((*top.data)[1].path, h.filePath("beta").toStdString());
-    EXPECT_EQ((*top.data)[1].fileType, "directory");
-    EXPECT_FALSE((*top.data)[1].isSymlink);
-    EXPECT_EQ((*top.data)[2].fileType, "directory");
-    EXPECT_TRUE((*top.data)[2].isSymlink);
-    EXPECT_EQ((*top.data)[3].fileType, "directory");
-    EXPECT_EQ((*top.data)[4].fileType, "file");
 
-    FSResultEnvelope sub = ask(std::string("~/beta"));
+    FSResultEnvelope sub = ask("~/beta");
     EXPECT_TRUE(sub.success);
     EXPECT_EQ(sub.path, "~/beta") << "the path comes back as asked";
     ASSERT_TRUE(sub.data && sub.data->size() == 1);
     EXPECT_EQ((*sub.data)[0].path, h.filePath("beta/inner").toStdString());
-
     FSResultEnvelope abs = ask(h.filePath("beta/inner").toStdString());
     EXPECT_TRUE(abs.success);
     EXPECT_TRUE(abs.data && abs.data->empty());
 
-    FSResultEnvelope missing = ask(std::string("/no/such/dir"));
+    FSResultEnvelope missing = ask("~/nowhere");
     EXPECT_FALSE(missing.success);
-    EXPECT_EQ(missing.path, "/no/such/dir");
-    FSResultEnvelope notDir = ask(h.filePath("zeta.txt").toStdString());
-    EXPECT_FALSE(notDir.success);
-    FSResultEnvelope otherOp = ask(std::string("."), "delete");
+    EXPECT_EQ(missing.path, "~/nowhere");
+    EXPECT_FALSE(ask(h.filePath("zeta.txt").toStdString()).success) << "a file is no folder";
+    FSResultEnvelope otherOp = ask(".", "delete");
     EXPECT_FALSE(otherOp.success);
     EXPECT_EQ(otherOp.op, "delete");
     EXPECT_TRUE(QDir(home).exists("beta"));
@@ -417,76 +397,68 @@ private:
 };
 
 TEST_F(RelayTest, ListingsRunOffTheLoopCappedInEntriesAndTime) {
-    const QString big = home + "/big";
+    const QString big = home + "/big", hung = home + "/hung";
     QDir().mkpath(big);
+    QDir().mkpath(hung);
     for (size_t i = 0; i < Agent::kMaxListing + 300; ++i) {
         const int fd = ::open(QFile::encodeName(big + "/f" + QString::number(i)).constData(), O_CREAT | O_WRONLY, 0600);
         ASSERT_GE(fd, 0);
         ::close(fd);
     }
-    const QString hung = home + "/hung";
-    QDir().mkpath(hung);
     HungMount mount(hung);
 
-    Peer a;
-    pair(a, "alice");
-    auto fsOp = [&](const QString& path) {
-        Message m("fs_op");
-        m.op = "list";
-        m.path = path.toStdString();
-        a.send(m);
-    };
-    if (mount.ok()) fsOp(hung);
-    fsOp(big);
-    Message ping("latency_ping");
-    ping.ts = 9;
-    a.send(ping);
+    Peer a = paired("alice");
+    if (mount.ok()) a.send(fsList(hung.toStdString()));
+    a.send(fsList(big.toStdString()));
+    a.send(ping(9));
     EXPECT_EQ(a->received("latency_pong").size(), 1u) << "answered while the listings run";
-    auto answers = [&] {
-        return std::count_if(a->lines.begin(), a->lines.end(),
-                             [](const std::string& l) { return FSResultEnvelope::decode(l).ok(); });
-    };
-    ASSERT_TRUE(waitUntil([&] { return answers() == (mount.ok() ? 2 : 1); }, Agent::kListingTimeMs + 3000));
-    for (const std::string& line : a->lines) {
-        auto r = FSResultEnvelope::decode(line);
-        if (!r) continue;
-        if (r->path == big.toStdString()) {
+    std::vector<FSResultEnvelope> answers;
+    ASSERT_TRUE(waitUntil([&] {
+        answers.clear();
+        for (const std::string& line : a->lines)
+            if (auto r = FSResultEnvelope::decode(line)) answers.push_back(r.value());
+        return answers.size() == (mount.ok() ? 2u : 1u);
+    }, Agent::kListingTimeMs + 3000));
+    for (const FSResultEnvelope& r : answers) {
+        if (r.path == big.toStdString()) {
             // Cut at the entry cap, or earlier at the time cap on a slow machine.
-            EXPECT_TRUE(r->success);
-            EXPECT_GT(r->data ? r->data->size() : 0u, 0u);
-            EXPECT_LE(r->data ? r->data->size() : 0u, Agent::kMaxListing);
+            EXPECT_TRUE(r.success);
+            EXPECT_GT(r.data ? r.data->size() : 0u, 0u);
+            EXPECT_LE(r.data ? r.data->size() : 0u, Agent::kMaxListing);
         } else {
-            EXPECT_EQ(r->path, hung.toStdString());
-            EXPECT_FALSE(r->success) << "a file system that does not answer is a failed listing";
+            EXPECT_EQ(r.path, hung.toStdString());
+            EXPECT_FALSE(r.success) << "a file system that does not answer is a failed listing";
         }
     }
     if (!mount.ok()) GTEST_SKIP() << "no FUSE mount here (needs /dev/fuse and the right to mount): hung case not run";
 }
 
 TEST_F(RelayTest, BadInputIsAnsweredAndNobodyElseNotices) {
-    Peer a, b;
-    pair(a, "alice");
-    pair(b, "bob");
+    Peer a = paired("alice");
+    Peer b = paired("bob");
     b.send(create(1, "client-b"));
 
-    size_t errors = 0;
-    auto expectError = [&](const std::string& line, const char* what) {
-        a.sendRaw(line);
-        EXPECT_EQ(a->received("error").size(), ++errors) << what << ": " << line;
+    const std::pair<std::string, const char*> bad[] = {
+        {"this is not json", "not JSON"},
+        {"[1,2,3]", "not an object"},
+        {R"({"no_type":1})", "no type"},
+        {R"({"type":42})", "type not a string"},
+        {R"({"type":"latency_ping"})", "ping without its stamp"},
+        {R"({"type":"INPUT","pty_id":"1","data":"x"})", "pty_id as a string"},
+        {R"({"type":"INPUT","pty_id":1.5,"data":"x"})", "pty_id not whole"},
+        {R"({"type":"INPUT","data":"x"})", "missing pty_id"},
+        {R"({"type":"RESIZE","pty_id":1,"cols":80})", "missing rows"},
+        {R"({"type":"EXEC","pty_id":1})", "missing command"},
+        {R"({"type":"CREATE_PTY","cwd":"~"})", "CREATE_PTY without pty_id"},
+        {R"({"type":"pair","code":"111111","nickname":"again"})", "pairing twice"},
+        {"{\"type\":\"INPUT\",\"pty_id\":1,\"data\":\"" + std::string(Relay::kMaxLineBytes, 'x') + "\"}", "huge line"},
+        {"{\"type\":\"fs_op\",\"path\":\"\xff\xfe\"}", "invalid UTF-8"},
     };
-    expectError("this is not json", "not JSON");
-    expectError("[1,2,3]", "not an object");
-    expectError(R"({"no_type":1})", "no type");
-    expectError(R"({"type":"INPUT","pty_id":"1","data":"x"})", "pty_id as a string");
-    expectError(R"({"type":"INPUT","data":"x"})", "missing pty_id");
-    expectError(R"({"type":"RESIZE","pty_id":1,"cols":80})", "missing rows");
-    expectError(R"({"type":"EXEC","pty_id":1})", "missing command");
-    expectError(R"({"type":"CREATE_PTY","cwd":"~"})", "CREATE_PTY without pty_id");
-    expectError(R"({"type":"pair","code":"111111","nickname":"again"})", "pairing twice");
-    expectError(std::string("{\"type\":\"INPUT\",\"pty_id\":1,\"data\":\"") + std::string(Relay::kMaxLineBytes, 'x') + "\"}",
-                "huge line");
-    expectError(std::string("{\"type\":\"fs_op\",\"path\":\"\xff\xfe\"}"), "invalid UTF-8");
-
+    size_t errors = 0;
+    for (const auto& [line, what] : bad) {
+        a.sendRaw(line);
+        EXPECT_EQ(a->received("error").size(), ++errors) << what;
+    }
     a.sendRaw(R"({"type":"SOMETHING_NEW","pty_id":1})");
     EXPECT_EQ(a->received("error").size(), errors) << "unknown types are ignored";
     a.sendRaw(R"({"type":"INPUT","pty_id":99,"data":"x"})");
@@ -495,9 +467,7 @@ TEST_F(RelayTest, BadInputIsAnsweredAndNobodyElseNotices) {
 
     // Both links still work, and bob's shell never noticed.
     EXPECT_FALSE(a->closedByServer);
-    Message ping("latency_ping");
-    ping.ts = 5;
-    a.send(ping);
+    a.send(ping(5));
     EXPECT_EQ(a->received("latency_pong").size(), 1u);
     b.send(input(1, "echo fine$((4+4))\r"));
     EXPECT_TRUE(b->waitOutput(1, "fine8"));
@@ -510,14 +480,17 @@ TEST_F(RelayTest, BadInputIsAnsweredAndNobodyElseNotices) {
 TEST_F(RelayTest, RequestsBeforePairingAreRefusedAndAnIdleLinkIsClosed) {
     relay->setPairTimeoutMs(200);
     Peer p = connect();
+    p.send(ping(1700000000123));  // answered even before pairing, with the same stamp and the load
+    auto pong = p->received("latency_pong");
+    ASSERT_EQ(pong.size(), 1u);
+    EXPECT_EQ(pong[0].ts, 1700000000123);
+    EXPECT_DOUBLE_EQ(pong[0].cpu.value_or(-1), 12.5);
+    EXPECT_DOUBLE_EQ(pong[0].mem.value_or(-1), 40.0);
     p.send(create(1, "c"));
     p.send(Message("LIST_PTY"));
-    EXPECT_EQ(p->received("error").size(), 2u);
-    EXPECT_EQ(agents[0]->ptyCount(), 0u);
-    Message t("takeover");
-    t.targetControllerId = "x";
-    p.send(t);
+    p.send(takeover("x"));
     EXPECT_EQ(p->received("error").size(), 3u);
+    EXPECT_EQ(agents[0]->ptyCount(), 0u);
     EXPECT_TRUE(waitUntil([&] { return p->closedByServer; }, 2000));
 
     // An agent connection: short lines until its hello has checked out, then the full limit and no
@@ -561,16 +534,13 @@ TEST_F(RelayTest, RequestsBeforePairingAreRefusedAndAnIdleLinkIsClosed) {
 // A controller that does not read its replies: what it sends meanwhile waits, in order, and only so
 // much of it.
 TEST_F(RelayTest, RequestsOfAControllerNotReadingItsRepliesWaitBounded) {
-    Peer a;
-    pair(a, "alice");
-    Message ping("latency_ping");
-    ping.ts = 7;
+    Peer a = paired("alice");
     a->pending = 9 * 1024 * 1024;  // replies it has not taken
-    a.send(ping);
+    a.send(ping(7));
     ASSERT_EQ(a->received("latency_pong").size(), 1u);
     EXPECT_TRUE(a->readPaused);
     for (int i = 0; i < 3; ++i) a.send(Message("LIST_PTY"));
-    a.send(ping);
+    a.send(ping(7));
     EXPECT_TRUE(a->received("PTY_LIST").empty()) << "held, not answered";
     a.ackAll();
     EXPECT_FALSE(a->readPaused);
@@ -579,15 +549,13 @@ TEST_F(RelayTest, RequestsOfAControllerNotReadingItsRepliesWaitBounded) {
     EXPECT_EQ(a->received().back().type, "latency_pong") << "in the order sent";
 
     a->pending = 9 * 1024 * 1024;
-    a.send(ping);
-    for (size_t i = 0; i <= Relay::kHeldLines && !a->closed; ++i) a.send(ping);
+    for (size_t i = 0; i <= Relay::kHeldLines + 1 && !a->closed; ++i) a.send(ping(7));
     EXPECT_TRUE(a->closedByServer) << "beyond its bound the link is closed";
     EXPECT_TRUE(waitUntil([&] { return agents[0]->controllerCount() == 0; }));
 }
 
 TEST_F(RelayTest, FloodingShellIsHeldBackByASlowControllerAndResumesWhenItDrains) {
-    Peer a;
-    pair(a, "alice");
+    Peer a = paired("alice");
     a->holdAcks = true;
     a.send(create(1, "client-a"));
     a.send(input(1, "stty -echo; yes flood\r"));
@@ -595,14 +563,14 @@ TEST_F(RelayTest, FloodingShellIsHeldBackByASlowControllerAndResumesWhenItDrains
     // The shell produces far more than the high-water mark, but sending stops just past it.
     ASSERT_TRUE(waitUntil([&] { return a->pending > Agent::kOutputHighWater; }));
     spin(300);
-    size_t sentAtStall = a->sentBytes;
+    const size_t sentAtStall = a->sentBytes;
     spin(300);
     EXPECT_EQ(a->sentBytes, sentAtStall) << "nothing is sent while the link is full";
     EXPECT_LT(a->pending, Agent::kOutputHighWater + 64 * 1024);
 
     // Once the peer catches up, the output flows again, and stays bounded each round.
     for (int round = 0; round < 3; ++round) {
-        size_t before = a->sentBytes;
+        const size_t before = a->sentBytes;
         a.ackAll();
         ASSERT_TRUE(waitUntil([&] { return a->pending > Agent::kOutputHighWater; })) << round;
         EXPECT_GT(a->sentBytes, before);
@@ -612,7 +580,7 @@ TEST_F(RelayTest, FloodingShellIsHeldBackByASlowControllerAndResumesWhenItDrains
     a->holdAcks = false;
     a.ackAll();
     a.send(input(1, "\x03"));
-    size_t mark = a->lines.size();
+    const size_t mark = a->lines.size();
     a.send(input(1, "echo done$((9*9))\r"));
     EXPECT_TRUE(a->waitOutput(1, "done81", mark, 10000));
 }
@@ -625,9 +593,8 @@ TEST_F(RelayTest, TypingMakesTheClientsOtherShellsBulkForAWhile) {
     const size_t line = PtyProcess::kReadChunk * 4 / 3 + 256;  // one read of a shell, as sent
     for (bool on : {false, true}) {
         typingFirst = on;
-        build(1, 8);
-        Peer a;
-        pair(a, "alice");
+        build(8);
+        Peer a = paired("alice");
         a->holdAcks = true;
         a.send(create(1, "client-a"));
         a.send(create(2, "client-a"));
@@ -672,8 +639,7 @@ TEST_F(RelayTest, TypingMakesTheClientsOtherShellsBulkForAWhile) {
 }
 
 TEST_F(RelayTest, ControllerWhoseTypingPilesUpIsPausedUntilTheShellTakesIt) {
-    Peer a;
-    pair(a, "alice");
+    Peer a = paired("alice");
     a.send(create(1, "client-a"));
     // The shell stops reading its terminal for a while.
     a.send(input(1, "stty raw -echo; sleep 2\r"));

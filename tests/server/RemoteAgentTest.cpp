@@ -1,18 +1,15 @@
 // Agents on other machines: the relay, two agent programs and the client each on a network stack of
 // their own (namespaces this test makes and removes), the client speaking to the relay only.
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QHostInfo>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QHostInfo>
 #include <QStandardPaths>
 #include <QTemporaryDir>
-#include <QElapsedTimer>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -22,14 +19,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Http.h"
 #include "LocalServer.h"
 #include "RelayController.h"
 #include "TestSupport.h"
 
 using namespace ostv;
-using ostv::test::Controller;
-using ostv::test::LocalServer;
-using ostv::test::waitUntil;
+using namespace ostv::test;
 
 namespace {
 
@@ -109,19 +105,6 @@ private:
     QStringList made_;
 };
 
-QJsonDocument httpJson(const QByteArray& verb, const QString& url, const QByteArray& body = {},
-                       const QByteArray& bearer = {}) {
-    static QNetworkAccessManager* nam = new QNetworkAccessManager();
-    QNetworkRequest req{QUrl(url)};
-    req.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
-    if (!bearer.isEmpty()) req.setRawHeader("Authorization", "Bearer " + bearer);
-    QNetworkReply* reply = nam->sendCustomRequest(req, verb, body);
-    EXPECT_TRUE(waitUntil([&] { return reply->isFinished(); }, 10000)) << url.toStdString();
-    const QJsonDocument doc = QJsonDocument::fromJson(reply->readAll());
-    reply->deleteLater();
-    return doc;
-}
-
 // The relay in namespace 0, the client in 1, agents in 2 and up, each with its own folder.
 class RemoteAgents : public ::testing::Test {
 protected:
@@ -144,9 +127,8 @@ protected:
     }
 
     void login() {
-        token = httpJson("POST", adminUrl + "/admin/login", R"({"username":"admin","password":"pw"})")["token"]
-                    .toString()
-                    .toUtf8();
+        const HttpAnswer a = http("POST", adminUrl + "/admin/login", R"({"username":"admin","password":"pw"})");
+        token = a.json()["token"].toString().toUtf8();
     }
 
     // An agent program in namespace `ns` under machine id `id`, its state in its own folder.
@@ -162,7 +144,7 @@ protected:
         return a;
     }
 
-    QJsonArray listed() { return httpJson("GET", adminUrl + "/admin/agents", {}, token).array(); }
+    QJsonArray listed() { return http("GET", adminUrl + "/admin/agents", {}, token).json().array(); }
     // The row of the agent with this machine id, as many times as it is listed.
     std::vector<QJsonObject> rows(const QString& machineId) {
         std::vector<QJsonObject> out;
@@ -207,26 +189,13 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
     EXPECT_EQ(rows("m-two")[0]["os"].toString(), "linux");
     EXPECT_EQ(rows("m-one")[0]["hostname"].toString(), QHostInfo::localHostName()) << "the machine's own name";
 
-    // Paired by code, each controller types into a real shell on its agent.
-    struct Seat {
-        LocalServer* agent;
-        QString machineId;
-        std::unique_ptr<Controller> c;
-    } seats[] = {{a1.get(), "m-one", nullptr}, {a2.get(), "m-two", nullptr}};
-    for (Seat& s : seats) {
-        const size_t from = 0;
-        s.c = pairWith(s.agent->code(), "tester");
-        ASSERT_TRUE(s.c) << s.machineId.toStdString();
-        auto paired = s.c->waitFor("paired", from);
-        ASSERT_TRUE(paired);
-        EXPECT_EQ(paired->machineId.value_or(""), s.machineId.toStdString());
-        s.c->send(test::create(1, "client-" + s.machineId.toStdString()));
-        s.c->send(test::input(1, "echo $((6*7))-ok\n"));
-        EXPECT_TRUE(s.c->waitOutput(1, "42-")) << s.c->output(1);
-        EXPECT_TRUE(waitListed(s.machineId, 1, 5000));
-    }
-
-    // The second agent takes one controller: another one takes that seat over, and its shell with it.
+    // Paired by code like a built-in agent (its shells are worked in the next case); it takes one
+    // controller, so another one takes that seat over, and its shell with it.
+    auto first = pairWith(a2->code(), "first");
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->received("paired").front().machineId.value_or(""), "m-two");
+    first->send(create(1, "client-first"));
+    EXPECT_TRUE(waitListed("m-two", 1, 5000));
     auto taker = std::make_unique<Controller>(NetworkStacks::relayAddress(1), relay->quicPort(), a2->code());
     ASSERT_TRUE(taker->connect());
     Message pair("pair");
@@ -239,9 +208,9 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
     take.targetControllerId = list->controllers->front().id;
     taker->send(take);
     ASSERT_TRUE(taker->waitFor("paired"));
-    EXPECT_TRUE(seats[1].c->waitFor("kicked"));
-    EXPECT_TRUE(seats[1].c->waitClosedByServer(5000));
-    taker->send(test::input(1, "echo taken-$((2*21))\n"));
+    EXPECT_TRUE(first->waitFor("kicked"));
+    EXPECT_TRUE(first->waitClosedByServer(5000));
+    taker->send(input(1, "echo taken-$((2*21))\n"));
     EXPECT_TRUE(taker->waitOutput(1, "taken-42")) << taker->output(1);
 
     // A wrong secret, and a code another machine holds, are refused with the reason said on both sides.
@@ -283,9 +252,9 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     for (Seat& s : seats) {
         s.c = pairWith(s.agent->code(), s.client);
         ASSERT_TRUE(s.c) << s.client;
-        s.c->send(test::create(1, s.client));
-        s.c->send(test::input(1, "export MARK=" + s.client + "-kept\n"));
-        s.c->send(test::input(1, "echo ready-$MARK\n"));
+        s.c->send(create(1, s.client));
+        s.c->send(input(1, "export MARK=" + s.client + "-kept\n"));
+        s.c->send(input(1, "echo ready-$MARK\n"));
         ASSERT_TRUE(s.c->waitOutput(1, "ready-" + s.client + "-kept")) << s.client;
     }
 
@@ -308,10 +277,10 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     for (Seat& s : seats) {
         const auto ptys = s.c->listPtys();
         EXPECT_EQ(ptys.size(), s.client == "c3" ? 1u : 2u) << s.client;
-        s.c->send(test::create(1, s.client));  // refused: the client's shell 1 is running
+        s.c->send(create(1, s.client));  // refused: the client's shell 1 is running
         EXPECT_TRUE(s.c->waitFor("PTY_ERROR")) << s.client;
         const size_t from = s.c->mark();
-        s.c->send(test::input(1, "echo back-$MARK\n"));
+        s.c->send(input(1, "echo back-$MARK\n"));
         EXPECT_TRUE(s.c->waitOutput(1, "back-" + s.client + "-kept", from)) << s.client;
     }
     EXPECT_TRUE(waitListed("m-one", 2, 5000));
@@ -323,26 +292,26 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     std::vector<long> shellPids;  // the first agent's shells
     for (Controller* c : {&flooder, &typist}) {
         const size_t from = c->mark();
-        c->send(test::input(1, "echo pid-$$-$((1+1))\n"));
+        c->send(input(1, "echo pid-$$-$((1+1))\n"));
         ASSERT_TRUE(c->waitOutput(1, "-2\r\n", from));
         const std::string out = c->output(1, from);
         const size_t at = out.rfind("pid-");
         shellPids.push_back(at == std::string::npos ? 0 : std::atol(out.c_str() + at + 4));
-        ASSERT_TRUE(test::processRunning(shellPids.back())) << out;
+        ASSERT_TRUE(processRunning(shellPids.back())) << out;
     }
     flooder.keepPtyData(false);
-    flooder.send(test::input(1, "yes flood-flood-flood\n"));
+    flooder.send(input(1, "yes flood-flood-flood\n"));
     ASSERT_TRUE(waitUntil([&] { return flooder.ptyDataBytes() > (1u << 20); }, 10000)) << "no flood";
     size_t flooded = flooder.ptyDataBytes();
     for (int i = 1; i <= 10; ++i) {
         const size_t from = typist.mark();
-        typist.send(test::input(1, "echo typed-$((" + std::to_string(i) + "*7))\n"));
+        typist.send(input(1, "echo typed-$((" + std::to_string(i) + "*7))\n"));
         EXPECT_TRUE(typist.waitOutput(1, "typed-" + std::to_string(i * 7), from, 2000)) << "line " << i;
     }
     EXPECT_GT(flooder.ptyDataBytes(), flooded) << "the flood went on while c2 typed";
     flooded = flooder.ptyDataBytes();
     EXPECT_TRUE(waitUntil([&] { return flooder.ptyDataBytes() > flooded + (1u << 20); }, 10000)) << "and after";
-    flooder.send(test::input(1, "\x03"));
+    flooder.send(input(1, "\x03"));
 
     // The second agent is killed and started again: its controller is told and let go, the agent comes
     // back under the same code in a single row, and its shells are gone.
@@ -371,7 +340,7 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     const int status = a1->stop();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     for (long pid : shellPids)
-        EXPECT_TRUE(waitUntil([&] { return !test::processRunning(pid); }, 3000)) << "shell " << pid << " left";
+        EXPECT_TRUE(waitUntil([&] { return !processRunning(pid); }, 3000)) << "shell " << pid << " left";
     EXPECT_TRUE(waitUntil([&] { return rows("m-one").empty(); }, 5000));
     EXPECT_EQ(listed().size(), 1);
     for (int i = 0; i < 2; ++i) {

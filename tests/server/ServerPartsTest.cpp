@@ -78,6 +78,7 @@ TEST(ServerOptions, BadArgumentsAreNamed) {
         {{"--agents", "-1"}, "--agents"},
         {{"--agents", "65"}, "--agents"},
         {{"--code", "12345"}, "12345"},
+        {{"--code", "1234567"}, "1234567"},
         {{"--code", "12345a"}, "12345a"},
         {{"--code", "111111", "--code", "111111"}, "111111"},
         {{"--agents", "1", "--code", "111111", "--code", "222222"}, "codes"},
@@ -337,10 +338,14 @@ TEST(LogText, ControlCharactersAreEscapedAndLongTextCut) {
     for (const auto& [in, want] : cases) EXPECT_EQ(ostv::server::logSafe(in), want) << in;
 }
 
-// A shell sees the user's own variables, none of the server's.
+// A login shell that sees the user's own variables, none of the server's, and a UTF-8 locale when the
+// server has none.
 TEST(PtyProcess, ShellsGetACleanEnvironment) {
     const char* secrets[] = {"SSH_AUTH_SOCK", "DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "SUDO_USER", "OSTV_TEST_SECRET"};
     for (const char* name : secrets) qputenv(name, "leaked-value");
+    const QByteArray lang = qgetenv("LANG"), lcAll = qgetenv("LC_ALL");
+    qunsetenv("LANG");
+    qunsetenv("LC_ALL");
     PtyProcess::Options o;
     o.shell = QStringLiteral("/bin/sh");
     o.cwd = QDir::tempPath();
@@ -348,16 +353,18 @@ TEST(PtyProcess, ShellsGetACleanEnvironment) {
     QString error;
     auto p = PtyProcess::start(o, &error);
     for (const char* name : secrets) qunsetenv(name);
+    if (!lang.isNull()) qputenv("LANG", lang);
+    if (!lcAll.isNull()) qputenv("LC_ALL", lcAll);
     ASSERT_TRUE(p) << error.toStdString();
     std::string out;
     bool ended = false;
     p->onOutput = [&](std::string_view b) { out.append(b); };
     p->onExit = [&] { ended = true; };
-    p->write("env; exit\n");
+    p->write("env; echo zero=$0; exit\n");
     ASSERT_TRUE(ostv::test::waitUntil([&] { return ended; }, 10000)) << out;
     EXPECT_EQ(out.find("leaked-value"), std::string::npos) << out;
     for (const char* want : {"HOME=", "USER=", "LOGNAME=", "SHELL=/bin/sh", "PATH=", "TERM=xterm-256color",
-                             "OSTV_EXTRA=given"})
+                             "LANG=C.UTF-8", "OSTV_EXTRA=given", "zero=-sh"})
         EXPECT_NE(out.find(want), std::string::npos) << want << " in\n" << out;
 }
 

@@ -1,56 +1,39 @@
-// The server program as a whole: its start-up lines, its command line, its admin HTTP API over real
-// HTTP, and a clean stop.
+// The server program as a whole over loopback: its start-up lines and command line, its admin HTTP
+// API, real shells through the client's own QUIC transport, the relay going away and coming back, what
+// only the real link sees of bad input, and the stop. The relay's and agents' rules in detail are
+// tested in-process (RelayAgentTest.cpp).
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSysInfo>
+#include <QTemporaryDir>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <set>
-#include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Http.h"
 #include "LocalServer.h"
+#include "QuicServer.h"
+#include "RelayController.h"
 #include "TestSupport.h"
 
-using ostv::test::LocalServer;
-using ostv::test::waitUntil;
+using namespace ostv;
+using namespace ostv::test;
 
 namespace {
-
-struct HttpAnswer {
-    int status = 0;
-    QByteArray body;
-    QJsonDocument json() const { return QJsonDocument::fromJson(body); }
-};
-
-HttpAnswer http(const QByteArray& verb, const QString& url, const QByteArray& body = {},
-                const QByteArray& bearer = {}) {
-    static QNetworkAccessManager* nam = new QNetworkAccessManager();
-    QNetworkRequest req{QUrl(url)};
-    if (!body.isNull()) req.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
-    if (!bearer.isNull()) req.setRawHeader("Authorization", "Bearer " + bearer);
-    QNetworkReply* reply = nam->sendCustomRequest(req, verb, body);
-    EXPECT_TRUE(waitUntil([&] { return reply->isFinished(); }, 10000)) << verb.toStdString() << " " << url.toStdString();
-    HttpAnswer a;
-    a.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    a.body = reply->readAll();
-    reply->deleteLater();
-    return a;
-}
 
 QByteArray loginBody(const QString& user, const QString& password) {
     return QJsonDocument(QJsonObject{{"username", user}, {"password", password}}).toJson(QJsonDocument::Compact);
 }
 
 TEST(ServerProgram, PrintsWhereItListensAndEveryAgentAndKeepsThemOnRestart) {
-    const QString state = ostv::test::makeTempDir(QStringLiteral("state")) + "/relay";
+    const QString state = makeTempDir(QStringLiteral("state")) + "/relay";
     LocalServer server({"--agents", "3", "--code", "123456", "--state-dir", state});
     ASSERT_TRUE(server.start()) << server.errorString().toStdString();
     auto readCert = [&] {
@@ -66,36 +49,28 @@ TEST(ServerProgram, PrintsWhereItListensAndEveryAgentAndKeepsThemOnRestart) {
     EXPECT_NE(server.adminPort(), 0);
     ASSERT_EQ(server.agents().size(), 3u);
     EXPECT_EQ(server.code(0), "123456");
-    std::set<QString> codes, ids;
-    for (const auto& a : server.agents()) {
+    // Distinct six-digit codes and machine ids, printed in the order the client lists them (by machine
+    // id), numbered in that order and named after this machine.
+    std::set<QString> codes;
+    for (size_t i = 0; i < 3; ++i) {
+        const LocalServer::Agent& a = server.agents()[i];
         EXPECT_TRUE(QRegularExpression("^[0-9]{6}$").match(a.code).hasMatch()) << a.code.toStdString();
         EXPECT_FALSE(a.machineId.isEmpty());
         EXPECT_EQ(a.os, "linux");
+        EXPECT_EQ(a.hostname, QSysInfo::machineHostName() + "#" + QString::number(i + 1));
+        if (i > 0) {
+            EXPECT_LT(server.agents()[i - 1].machineId, a.machineId);
+        }
         codes.insert(a.code);
-        ids.insert(a.machineId);
     }
     EXPECT_EQ(codes.size(), 3u);
-    EXPECT_EQ(ids.size(), 3u);
-    // Printed in the order the client lists them (by machine id), numbered in that order, named after
-    // this machine.
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(server.agents()[i].hostname, QSysInfo::machineHostName() + "#" + QString::number(i + 1));
-        if (i > 0) {
-            EXPECT_LT(server.agents()[i - 1].machineId, server.agents()[i].machineId);
-        }
-    }
     const auto before = server.agents();
-    const quint16 quic = server.quicPort(), admin = server.adminPort();
 
+    // Started again (on the same ports with the same codes): the same certificate and machine ids.
     ASSERT_TRUE(server.restart()) << server.errorString().toStdString();
-    EXPECT_EQ(readCert(), cert) << "the same certificate after a restart";
-    EXPECT_EQ(server.quicPort(), quic);
-    EXPECT_EQ(server.adminPort(), admin);
+    EXPECT_EQ(readCert(), cert);
     ASSERT_EQ(server.agents().size(), 3u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(server.agents()[i].code, before[i].code);
-        EXPECT_EQ(server.agents()[i].machineId, before[i].machineId) << "machine ids are stable";
-    }
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(server.agents()[i].machineId, before[i].machineId) << i;
 }
 
 TEST(ServerProgram, BadCommandLineAndTakenPortsEndWithAClearMessage) {
@@ -113,15 +88,6 @@ TEST(ServerProgram, BadCommandLineAndTakenPortsEndWithAClearMessage) {
     LocalServer help({"--help"});
     EXPECT_FALSE(help.start(10000));
     EXPECT_TRUE(help.errorString().contains("--quic-port")) << "the usage text names the options";
-}
-
-TEST(ServerProgram, StopsCleanlyOnSigterm) {
-    LocalServer server;
-    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
-    const int status = server.stop(5000);
-    EXPECT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_FALSE(server.isRunning());
 }
 
 // Gone or a zombie: the process has ended.
@@ -146,14 +112,12 @@ TEST(ServerProgram, ExitWithParentEndsTheServerWithTheProcessThatStartedIt) {
         bool ok = false;
         const pid_t pid = sh.readAllStandardOutput().trimmed().toInt(&ok);
         ASSERT_TRUE(ok && pid > 0);
-        if (withFlag) {
-            EXPECT_TRUE(waitUntil([&] { return hasEnded(pid); }, 5000)) << "the server outlived its parent";
-        } else {
-            ostv::test::spin(1000);
+        if (!withFlag) {
+            spin(1000);
             EXPECT_FALSE(hasEnded(pid)) << "without the option the server goes on";
             ::kill(pid, SIGTERM);
-            EXPECT_TRUE(waitUntil([&] { return hasEnded(pid); }, 5000));
         }
+        EXPECT_TRUE(waitUntil([&] { return hasEnded(pid); }, 5000)) << withFlag;
     }
 }
 
@@ -178,29 +142,28 @@ TEST(ServerProgram, AsRootBeyondLoopbackItRefusesWithoutAllowRoot) {
     ASSERT_TRUE(ip({"netns", "exec", ns, "ip", "addr", "add", "10.99.0.1/32", "dev", "lo"}));
     const QStringList base = {"netns", "exec", ns, qEnvironmentVariable("OSTV_SERVER_BIN"), "--bind", "10.99.0.1",
                               "--quic-port", "0", "--admin-port", "0", "--exit-with-parent"};
-
-    QProcess refused;
-    refused.setProcessChannelMode(QProcess::MergedChannels);
-    refused.start(QStringLiteral("ip"), base);
-    ASSERT_TRUE(refused.waitForFinished(10000));
-    EXPECT_EQ(refused.exitCode(), 1);
-    const QString said = QString::fromLocal8Bit(refused.readAll()).trimmed();
-    EXPECT_FALSE(said.contains('\n')) << said.toStdString();
-    EXPECT_TRUE(said.contains("root") && said.contains("--allow-root")) << said.toStdString();
-
-    QProcess allowed;
-    allowed.setProcessChannelMode(QProcess::MergedChannels);
-    allowed.start(QStringLiteral("ip"), base + QStringList{"--allow-root"});
-    QByteArray out;
-    EXPECT_TRUE(waitUntil([&] {
-        out += allowed.readAll();
-        return out.contains("ostvarren-server: ready") || allowed.state() == QProcess::NotRunning;
-    }, 15000));
-    EXPECT_TRUE(out.contains("ostvarren-server: ready")) << out.toStdString();
-    EXPECT_TRUE(QRegularExpression("admin password [A-Za-z0-9]{20} ").match(QString::fromLatin1(out)).hasMatch())
-        << out.toStdString();
-    allowed.terminate();
-    EXPECT_TRUE(allowed.waitForFinished(10000));
+    for (const bool allow : {false, true}) {
+        QProcess p;
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start(QStringLiteral("ip"), allow ? base + QStringList{"--allow-root"} : base);
+        QByteArray out;
+        EXPECT_TRUE(waitUntil([&] {
+            out += p.readAll();
+            return out.contains("ostvarren-server: ready") || p.state() == QProcess::NotRunning;
+        }, 15000));
+        out += p.readAll();
+        if (allow) {
+            EXPECT_TRUE(out.contains("ostvarren-server: ready")) << out.toStdString();
+            EXPECT_TRUE(QRegularExpression("admin password [A-Za-z0-9]{20} ").match(QString::fromLatin1(out)).hasMatch())
+                << out.toStdString();
+            p.terminate();
+            EXPECT_TRUE(p.waitForFinished(10000));
+        } else {
+            EXPECT_EQ(p.exitCode(), 1);
+            EXPECT_FALSE(out.trimmed().contains('\n')) << out.toStdString();
+            EXPECT_TRUE(out.contains("root") && out.contains("--allow-root")) << out.toStdString();
+        }
+    }
 }
 
 // The program's own admin credentials, and its agents as the list shows them (the request handling
@@ -213,25 +176,24 @@ TEST(AdminApi, SignInWithTheGivenCredentialsThenTheAgentList) {
 
     EXPECT_EQ(http("GET", agentsUrl).status, 401);
     EXPECT_EQ(http("HEAD", agentsUrl).status, 401);
-    const HttpAnswer defaults = http("POST", loginUrl, loginBody("admin", "quill_tarn"));
-    EXPECT_FALSE(defaults.json().object().contains("token")) << "the default credentials no longer sign in";
+    EXPECT_FALSE(http("POST", loginUrl, loginBody("admin", "quill_tarn")).json().object().contains("token"))
+        << "the default credentials no longer sign in";
     const HttpAnswer ok = http("POST", loginUrl, loginBody("ops", "s3cret"));
     EXPECT_EQ(ok.json()["username"].toString(), "ops");
     const QByteArray token = ok.json()["token"].toString().toUtf8();
     ASSERT_FALSE(token.isEmpty()) << ok.body.toStdString();
     HttpAnswer list = http("GET", agentsUrl, {}, token);
     EXPECT_EQ(list.status, 200);
-    ASSERT_TRUE(list.json().isArray()) << list.body.toStdString();
-    QJsonArray arr = list.json().array();
-    ASSERT_EQ(arr.size(), 2);
+    const QJsonArray arr = list.json().array();
+    ASSERT_EQ(arr.size(), 2) << list.body.toStdString();
     for (int i = 0; i < 2; ++i) {
-        QJsonObject a = arr[i].toObject();
-        EXPECT_EQ(a["code"].toString(), server.agents()[static_cast<size_t>(i)].code);
-        EXPECT_EQ(a["machine_id"].toString(), server.agents()[static_cast<size_t>(i)].machineId);
+        const QJsonObject a = arr[i].toObject();
+        const LocalServer::Agent& printed = server.agents()[static_cast<size_t>(i)];
+        EXPECT_EQ(a["code"].toString(), printed.code);
+        EXPECT_EQ(a["machine_id"].toString(), printed.machineId);
         EXPECT_EQ(a["os"].toString(), "linux");
         EXPECT_EQ(a["hostname"].toString(), QStringLiteral("lab box#%1").arg(i + 1));
-        EXPECT_EQ(a["hostname"].toString(), server.agents()[static_cast<size_t>(i)].hostname);
-        EXPECT_TRUE(a["controller_count"].isDouble());
+        EXPECT_EQ(a["hostname"].toString(), printed.hostname);
         EXPECT_EQ(a["controller_count"].toInt(-1), 0);
         EXPECT_GE(a["cpu"].toDouble(-1), 0.0);
         EXPECT_GT(a["mem"].toDouble(-1), 0.0);
@@ -241,6 +203,231 @@ TEST(AdminApi, SignInWithTheGivenCredentialsThenTheAgentList) {
     // A server that was restarted has forgotten the tokens it handed out.
     ASSERT_TRUE(server.restart()) << server.errorString().toStdString();
     EXPECT_EQ(http("GET", agentsUrl, {}, token).status, 401);
+}
+
+// A server on free ports whose agents have a private, empty home folder.
+class RoundTrip : public ::testing::Test {
+protected:
+    void startServer() {
+        ASSERT_TRUE(home.isValid());
+        server = std::make_unique<LocalServer>();
+        server->setEnv("HOME", home.path());
+        ASSERT_TRUE(server->start()) << server->errorString().toStdString();
+        ASSERT_FALSE(server->agents().empty());
+    }
+    std::unique_ptr<Controller> controller() {
+        auto c = std::make_unique<Controller>(*server, server->code());
+        EXPECT_TRUE(c->connect()) << "no QUIC connection to the relay";
+        return c;
+    }
+    std::string code() const { return server->code().toStdString(); }
+    static Message resize(int64_t ptyId, int cols, int rows) {
+        Message m("RESIZE");
+        m.ptyId = ptyId;
+        m.cols = cols;
+        m.rows = rows;
+        return m;
+    }
+
+    QTemporaryDir home;
+    std::unique_ptr<LocalServer> server;
+};
+
+TEST_F(RoundTrip, PairedControllerWorksARealShell) {
+    startServer();
+    auto a = controller();
+    ASSERT_FALSE(a->pair(code(), "alice").empty());
+    Message paired = a->received("paired").front();
+    EXPECT_EQ(paired.homeDir, QDir(home.path()).absolutePath().toStdString());
+    EXPECT_EQ(paired.os, "linux");
+    EXPECT_EQ(paired.machineId, server->agents()[0].machineId.toStdString());
+
+    // Typed input is echoed by a real shell that runs in the asked-for directory.
+    ASSERT_TRUE(QDir(home.path()).mkpath("proj/a b"));
+    a->send(create(1, "client-a", "~/proj/a b"));
+    a->send(input(1, "echo \"at=$(pwd)\" sum=$((6*7)) term=$TERM\r"));
+    EXPECT_TRUE(a->waitOutput(1, "sum=42")) << a->output(1);
+    const std::string out = a->output(1);
+    EXPECT_NE(out.find("at=" + QDir(home.path()).filePath("proj/a b").toStdString()), std::string::npos) << out;
+    EXPECT_NE(out.find("term=xterm-256color"), std::string::npos) << out;
+
+    // The window size set by RESIZE is what the terminal reports; EXEC adds the carriage return.
+    size_t from = a->mark();
+    a->send(resize(1, 132, 43));
+    Message exec("EXEC");
+    exec.ptyId = 1;
+    exec.command = "stty size";
+    a->send(exec);
+    EXPECT_TRUE(a->waitOutput(1, "43 132", from)) << a->output(1, from);
+
+    // Raw bytes that are not UTF-8 arrive unchanged, and a large burst arrives whole, line by line.
+    from = a->mark();
+    a->send(input(1, "printf 'raw:\\377\\376:end\\n'; head -c 300000 /dev/zero | tr '\\0' x; echo; echo burst-$((2+2))-done\r"));
+    ASSERT_TRUE(a->waitOutput(1, "burst-4-done", from, 20000)) << a->output(1, from).size();
+    const std::string burst = a->output(1, from);
+    EXPECT_NE(burst.find("raw:\xff\xfe:end"), std::string::npos);
+    EXPECT_NE(burst.find(std::string(300000, 'x')), std::string::npos);
+    EXPECT_EQ(a->undecodable(), 0) << "every line over the wire is one whole JSON object";
+
+    // What only the real link sees of bad input (the rules in detail are tested in-process): a line far
+    // beyond the size limit is dropped and the stream goes on after it; bad lines are logged.
+    from = a->mark();
+    const size_t logMark = server->outputMark();
+    a->sendRaw("this is not json");
+    a->sendRaw(std::string(17 * 1024 * 1024, 'a'));
+    Message ping("latency_ping");
+    ping.ts = 1712345678901;
+    a->send(ping);
+    auto pong = a->waitFor("latency_pong", from, 30000);
+    ASSERT_TRUE(pong) << "the relay still reads this controller";
+    EXPECT_EQ(pong->ts, 1712345678901);
+    EXPECT_GE(pong->cpu.value_or(-1), 0.0) << "the machine's load";
+    EXPECT_GT(pong->mem.value_or(-1), 0.0);
+    EXPECT_EQ(a->received("error", from).size(), 1u);
+    EXPECT_TRUE(server->waitForOutput("Dropped a line", 5000, logMark)) << "the long line reached the server";
+    EXPECT_TRUE(server->waitForOutput("bad line", 5000, logMark));
+
+    // A shell that ends is reported and no longer listed.
+    from = a->mark();
+    a->send(input(1, "exit\r"));
+    auto exit = a->waitFor("PTY_EXIT", from);
+    ASSERT_TRUE(exit);
+    EXPECT_EQ(exit->ptyId, 1);
+    EXPECT_TRUE(waitUntil([&] { return a->listPtys().empty(); }, 5000));
+}
+
+// A controller that disconnects is announced as gone. The relay stopped (SIGUSR1, the way a relay
+// going away ends its connections) and started again (SIGUSR2): the shells lived on, and a client
+// coming back finds its own among two shells 1 and what it wrote while nobody was connected.
+TEST_F(RoundTrip, ShellsOutliveTheirConnectionsAndTheRelay) {
+    startServer();
+    auto a = controller();
+    auto b = controller();
+    const std::string idB = b->pair(code(), "bob");
+    ASSERT_FALSE(a->pair(code(), "alice").empty() || idB.empty());
+    a->send(create(1, "client-a"));
+    b->send(create(1, "client-b"));
+    a->send(input(1, "X=left-$((2*3)); echo set\r"));
+    ASSERT_TRUE(a->waitOutput(1, "set"));
+    const size_t aMark = a->mark();
+    b->disconnect();
+    auto left = a->waitFor("controller_left", aMark, 15000);
+    ASSERT_TRUE(left);
+    EXPECT_EQ(left->id, idB);
+
+    a->send(input(1, "cd /tmp; sleep 1; echo while-away-$((5*5))\r"));
+    ASSERT_TRUE(a->waitOutput(1, "while-away-$((5*5))", aMark)) << "the line has reached the shell";
+    QElapsedTimer typed;
+    typed.start();
+    ASSERT_TRUE(server->stopRelay());
+    EXPECT_TRUE(a->waitClosedByServer(5000));
+    EXPECT_TRUE(server->isRunning());
+    ASSERT_TRUE(server->startRelay());
+    EXPECT_FALSE(server->startRelay(500)) << "starting a relay that runs changes nothing";
+    while (typed.elapsed() < 1500) spin(50);  // the shell has written while nobody was connected
+
+    auto again = controller();
+    const std::string idAgain = again->pair(code(), "alice");
+    ASSERT_FALSE(idAgain.empty());
+    const std::vector<PtyListItem> ptys = again->listPtys();
+    ASSERT_EQ(ptys.size(), 2u);
+    for (const PtyListItem& p : ptys) EXPECT_EQ(p.state, "running");
+    // As the desktop client does on finding its shell in the list, it sizes its terminal, which ties the
+    // new connection to that shell.
+    again->send(resize(1, 100, 30));
+    const size_t from = again->mark();
+    again->send(input(1, "echo back-$X in $(pwd) $(stty size)\r"));
+    EXPECT_TRUE(again->waitOutput(1, "back-left-6 in /tmp 30 100", from)) << again->output(1, from);
+    EXPECT_TRUE(again->waitOutput(1, "while-away-25")) << again->output(1);
+    for (const PtyListItem& p : again->listPtys())
+        EXPECT_EQ(p.controllerId == idAgain, p.clientId == "client-a") << p.clientId.value_or("");
+}
+
+// The number after `key` in a shell's output.
+pid_t numberAfter(const std::string& out, const std::string& key) {
+    const size_t at = out.find(key);
+    return at == std::string::npos ? 0 : static_cast<pid_t>(std::atol(out.c_str() + at + key.size()));
+}
+
+TEST_F(RoundTrip, StoppingTheServerHangsUpEveryShell) {
+    for (int sig : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(sig == SIGTERM ? "SIGTERM" : "SIGINT");
+        startServer();
+        auto a = controller();
+        ASSERT_FALSE(a->pair(code(), "alice").empty());
+        a->send(create(1, "client-a"));
+        a->send(create(2, "client-a"));
+        a->send(input(1, "echo she''ll=$$\r"));  // the quotes keep the typed line apart from the answer
+        // A program running in the foreground of a shell goes as well.
+        a->send(input(2, "sh -c 'echo slee\"\"per=$$; exec sleep 300'\r"));
+        ASSERT_TRUE(a->waitOutput(1, "shell=") && a->waitOutput(2, "sleeper="));
+        spin(100);
+        const pid_t shell = numberAfter(a->output(1), "shell=");
+        const pid_t sleeper = numberAfter(a->output(2), "sleeper=");
+        ASSERT_TRUE(shell > 1 && sleeper > 1 && processRunning(shell) && processRunning(sleeper));
+
+        ASSERT_EQ(::kill(server->pid(), sig), 0);
+        ASSERT_TRUE(waitUntil([&] { return !server->isRunning(); }, 8000)) << "the server did not stop";
+        const int status = server->stop();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_TRUE(waitUntil([&] { return !processRunning(shell) && !processRunning(sleeper); }, 5000))
+            << "shell " << processRunning(shell) << ", sleeper " << processRunning(sleeper);
+        EXPECT_TRUE(a->waitClosedByServer()) << "the controller's connection is closed";
+    }
+}
+
+// The listener on its own: once handshakes pile up (here: from the first), a new client first proves
+// its address with a Retry and then connects as usual; one address gets only so many connections,
+// not counting those that have proved who they are (agents and their seats).
+TEST(QuicListener, RetryOnceHandshakesPileUpAndACapPerAddress) {
+    server::QuicServer listener;
+    listener.retryAbove = 0;
+    listener.maxPerAddress = 2;
+    std::vector<std::string> heard;
+    listener.onConnection = [&](server::QuicConnection* c) {
+        c->onLine = [&heard, c](std::string_view line) {
+            heard.emplace_back(line);
+            if (line == "trusted") c->markAuthenticated();
+            c->sendLine("echo " + std::string(line));
+        };
+    };
+    ASSERT_TRUE(listener.listen(QHostAddress::LocalHost, 0)) << listener.errorString().toStdString();
+    std::vector<std::unique_ptr<Controller>> clients;
+    auto addClients = [&](int n) {
+        for (int i = 0; i < n; ++i)
+            clients.push_back(std::make_unique<Controller>(QStringLiteral("127.0.0.1"), listener.port(), "123456"));
+    };
+    addClients(3);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(clients[i]->connect()) << i;
+        clients[i]->sendRaw("hello " + std::to_string(i));
+        EXPECT_TRUE(waitUntil([&] { return !clients[i]->lines().empty(); }, 3000)) << i;
+    }
+    EXPECT_GE(listener.retriesSent(), 2u);
+    EXPECT_EQ(heard, (std::vector<std::string>{"hello 0", "hello 1"}));
+    EXPECT_EQ(clients[0]->lines(), std::vector<std::string>{"echo hello 0"});
+
+    clients[2]->startConnecting();
+    spin(800);
+    EXPECT_FALSE(clients[2]->isReady()) << "a third connection from the same address is not taken";
+    EXPECT_EQ(listener.connectionCount(), 2u);
+    clients[2]->disconnect();
+
+    // Both proved who they are: two more unknown peers from the address fit, a third again does not.
+    for (int i = 0; i < 2; ++i) {
+        clients[i]->sendRaw("trusted");
+        EXPECT_TRUE(waitUntil([&] { return clients[i]->lines().size() == 2; }, 3000)) << i;
+    }
+    EXPECT_EQ(listener.authenticatedCount(), 2u);
+    addClients(3);
+    EXPECT_TRUE(clients[3]->connect() && clients[4]->connect()) << "authenticated peers left the address's count";
+    clients[5]->startConnecting();
+    spin(800);
+    EXPECT_FALSE(clients[5]->isReady());
+    EXPECT_EQ(listener.connectionCount(), 4u);
+    clients[0]->disconnect();
+    EXPECT_TRUE(waitUntil([&] { return listener.authenticatedCount() == 1u; }, 5000)) << "a closed one is forgotten";
+    for (auto& c : clients) c->disconnect();
 }
 
 }  // namespace

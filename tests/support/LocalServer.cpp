@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QProcessEnvironment>
 #include <QUrl>
 #include <cerrno>
 #include <chrono>
@@ -15,8 +16,6 @@
 #include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace ostv::test {
 
@@ -51,15 +50,6 @@ QString LocalServer::code(int agent) const {
     return agent >= 0 && agent < static_cast<int>(agents_.size()) ? agents_[static_cast<size_t>(agent)].code : QString();
 }
 
-void LocalServer::setEnv(const QString& name, const QString& value) {
-    for (auto& [n, v] : env_)
-        if (n == name) {
-            v = value;
-            return;
-        }
-    env_.emplace_back(name, value);
-}
-
 bool LocalServer::isRunning() const {
     if (pid_ <= 0) return false;
     siginfo_t info{};
@@ -92,15 +82,10 @@ bool LocalServer::start(int timeoutMs) {
     for (auto& s : argStore) argv.push_back(s.data());
     argv.push_back(nullptr);
 
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(env_);
     std::vector<std::string> envStore;
-    for (char** e = environ; e && *e; ++e) {
-        std::string_view kv(*e);
-        const std::string name(kv.substr(0, kv.find('=')));
-        bool overridden = false;
-        for (const auto& [n, v] : env_) overridden = overridden || n.toStdString() == name;
-        if (!overridden) envStore.emplace_back(kv);
-    }
-    for (const auto& [n, v] : env_) envStore.push_back((n + "=" + v).toStdString());
+    for (const QString& kv : env.toStringList()) envStore.push_back(kv.toStdString());
     std::vector<char*> envp;
     for (auto& s : envStore) envp.push_back(s.data());
     envp.push_back(nullptr);

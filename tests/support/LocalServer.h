@@ -4,6 +4,7 @@
 // stops it with SIGTERM when asked or when destroyed. A stopped server can be started again on the
 // same ports with the same codes (for tests of a server that goes away and comes back). The agent
 // program (OSTV_AGENT_BIN) is driven the same way: it prints its code and "ready" alike.
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 #include <condition_variable>
@@ -36,7 +37,7 @@ public:
 
     // Sets (or overrides) one variable of the program's environment for every later start, e.g. HOME
     // for a private home folder; the rest is inherited from the test.
-    void setEnv(const QString& name, const QString& value);
+    void setEnv(const QString& name, const QString& value) { env_.insert(name, value); }
     // A command that runs the program, e.g. {"/usr/sbin/ip", "netns", "exec", "name"} (it must exec
     // the program in its own process, so that pid() stays the program's).
     void setLauncher(QStringList launcher) { launcher_ = std::move(launcher); }
@@ -85,7 +86,7 @@ private:
     QStringList restartArgs_;
     Program program_ = Program::server;
     QStringList launcher_;
-    std::vector<std::pair<QString, QString>> env_;
+    QProcessEnvironment env_;
     bool started_ = false;
     pid_t pid_ = -1;
     QString host_;

@@ -131,19 +131,6 @@ public:
         return env ? env->ptys : std::vector<PtyListItem>{};
     }
 
-    std::optional<FSResultEnvelope> list(const std::string& path) {
-        const size_t from = mark();
-        Message m("fs_op");
-        m.op = "list";
-        m.path = path;
-        send(m);
-        auto line = waitLine("fs_result", from);
-        if (!line) return std::nullopt;
-        auto env = FSResultEnvelope::decode(*line);
-        EXPECT_TRUE(env.ok()) << *line;
-        return env ? std::optional<FSResultEnvelope>(env.value()) : std::nullopt;
-    }
-
     void quicTransportDidChangeState(QUICTransport*, const QUICTransportState& s) override { kind_ = s.kind; }
     void quicTransportDidReceiveData(QUICTransport*, std::string_view chunk) override {
         std::lock_guard l(mutex_);
