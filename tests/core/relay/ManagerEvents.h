@@ -4,8 +4,10 @@
 // arrive on the transport thread: the log is locked.
 #include <QObject>
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,7 +27,16 @@ public:
     QList<DirectoryItem> top;
     std::vector<std::pair<QString, int>> children;
 
-    void add(std::string s) { std::lock_guard l(m_); log_.push_back(std::move(s)); }
+    ManagerEvents() { std::lock_guard l(deadMutex_); dead_.erase(this); }
+    ~ManagerEvents() override { std::lock_guard l(deadMutex_); dead_.insert(this); }
+    // Calls that reached an instance after its destructor ran (a test that keeps its memory sees them).
+    static inline std::atomic<int> lateCalls{0};
+
+    void add(std::string s) {
+        if (late()) return;
+        std::lock_guard l(m_);
+        log_.push_back(std::move(s));
+    }
     bool has(const std::string& s) { return index(s) >= 0; }
     // Position of the entry s in the log, -1 when absent.
     long index(const std::string& s) {
@@ -54,6 +65,7 @@ public:
         add("kicked " + r + " by " + by);
     }
     void connectionManagerDidReceiveOutput(ConnectionManager*, const std::string& b64, int64_t id) override {
+        if (late()) return;
         if (onOutput) return onOutput(b64, id);
         output.emplace_back(keepOutputData ? b64 : std::to_string(b64.size()), id);
         add("output " + std::to_string(id));
@@ -80,6 +92,14 @@ public:
     }
 
 private:
+    bool late() {
+        std::lock_guard l(deadMutex_);
+        if (!dead_.count(this)) return false;
+        ++lateCalls;
+        return true;
+    }
+    static inline std::mutex deadMutex_;
+    static inline std::set<const ManagerEvents*> dead_;
     std::mutex m_;
     std::vector<std::string> log_;
 };
