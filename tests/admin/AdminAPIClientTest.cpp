@@ -252,8 +252,11 @@ TEST_F(AdminClientCanned, AgentListFailures) {
                                           {json(503, R"([{"code":"A","controller_count":1}])"), true}}) {
         server.answer("/admin/agents", answer);
         const auto r = fetchAndWait(client);
-        if (decodes) EXPECT_TRUE(r && r->ok());
-        else EXPECT_EQ(errorKind(r), AdminAPIErrorKind::decodeFailed) << answer.body.data();
+        if (decodes) {
+            EXPECT_TRUE(r && r->ok());
+        } else {
+            EXPECT_EQ(errorKind(r), AdminAPIErrorKind::decodeFailed) << answer.body.data();
+        }
     }
     EXPECT_TRUE(client.hasToken());
 

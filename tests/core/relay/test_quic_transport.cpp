@@ -178,7 +178,9 @@ TEST(QuicTransport, DatagramsStayWithinWhatThePeerAdvertises) {
         EXPECT_LE(std::max(fromClient.front(), fromServer.front()), 1452u);
         const size_t largest = *std::max_element(fromClient.begin(), fromClient.end());
         EXPECT_LE(largest, advertised);
-        if (advertised > 1452) EXPECT_GT(largest, 1452u) << "loopback to our own server takes large datagrams";
+        if (advertised > 1452) {
+            EXPECT_GT(largest, 1452u) << "loopback to our own server takes large datagrams";
+        }
     }
 }
 
