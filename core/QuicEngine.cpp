@@ -314,10 +314,20 @@ void QuicEngine::onTimer() {
 }
 
 void QuicEngine::send(std::string bytes) {
-    if (closed_ || bytes.empty()) return;
+    if (closed_ || finWanted_ || bytes.empty()) return;
     queuedEnd_ += bytes.size();
     chunks_.push_back(std::move(bytes));
     if (pendingBytes() >= lowWatermark) wasAboveLowMark_ = true;
+    if (established_ && !inCallback_) flush();
+}
+
+void QuicEngine::endStream(std::string lastBytes) {
+    if (closed_ || finWanted_) return;
+    if (!lastBytes.empty()) {
+        queuedEnd_ += lastBytes.size();
+        chunks_.push_back(std::move(lastBytes));
+    }
+    finWanted_ = true;
     if (established_ && !inCallback_) flush();
 }
 
@@ -375,7 +385,7 @@ void QuicEngine::fail(const std::string& why, bool byPeer) {
     if (hooks_.closed) hooks_.closed(why, byPeer);
 }
 
-int QuicEngine::onStreamData(int64_t streamId, uint32_t, const uint8_t* data, size_t len) {
+int QuicEngine::onStreamData(int64_t streamId, uint32_t flags, const uint8_t* data, size_t len) {
     if (streamId != streamId_) {
         if (streamId_ < 0 && server_) streamId_ = streamId;  // the client's stream, first data on it
         else return 0;                                       // any other stream is ignored
@@ -384,6 +394,12 @@ int QuicEngine::onStreamData(int64_t streamId, uint32_t, const uint8_t* data, si
     if (closed_ || closeRequested_) return 0;
     if (len > 0 && hooks_.streamData) hooks_.streamData(reinterpret_cast<const char*>(data), len);
     if (closed_) return 0;
+    if (flags & NGTCP2_STREAM_DATA_FLAG_FIN) {
+        // The one stream is the whole link: once the peer has ended it (its last bytes delivered above),
+        // nothing more can come, so the connection goes as if the peer had closed it.
+        close(0, "the peer ended the stream");
+        return 0;
+    }
     rxConsumed_ += len;
     topUpCredit();
     return 0;
@@ -467,7 +483,8 @@ void QuicEngine::flush() {
         ngtcp2_vec vec[16];
         size_t nvec = 0;
         int64_t sid = -1;
-        if (established_ && streamId_ >= 0 && !streamBlocked && sentOffset_ < queuedEnd_) {
+        const bool finDue = finWanted_ && !finSent_;
+        if (established_ && streamId_ >= 0 && !streamBlocked && (sentOffset_ < queuedEnd_ || finDue)) {
             // Walk the chunks from the first byte ngtcp2 does not have yet.
             uint64_t pos = chunksStart_;
             for (const std::string& c : chunks_) {
@@ -484,10 +501,15 @@ void QuicEngine::flush() {
         }
         ngtcp2_ssize accepted = -1;
         ngtcp2_pkt_info pi{};
-        const uint32_t flags = nvec ? NGTCP2_WRITE_STREAM_FLAG_MORE : NGTCP2_WRITE_STREAM_FLAG_NONE;
+        uint32_t flags = nvec ? NGTCP2_WRITE_STREAM_FLAG_MORE : NGTCP2_WRITE_STREAM_FLAG_NONE;
+        uint64_t offered = 0;
+        for (size_t i = 0; i < nvec; ++i) offered += vec[i].len;
+        const bool withFin = sid >= 0 && finDue && sentOffset_ + offered == queuedEnd_;  // the last bytes
+        if (withFin) flags |= NGTCP2_WRITE_STREAM_FLAG_FIN;
         const ngtcp2_ssize n = ngtcp2_conn_writev_stream(conn_, &ps.path, &pi, buf, destlen, &accepted, flags, sid,
                                                          nvec ? vec : nullptr, nvec, quicTimestamp());
         if (accepted > 0) sentOffset_ += static_cast<uint64_t>(accepted);
+        if (withFin && accepted >= 0 && sentOffset_ == queuedEnd_) finSent_ = true;
         if (n < 0) {
             if (n == NGTCP2_ERR_WRITE_MORE) continue;
             if (n == NGTCP2_ERR_STREAM_DATA_BLOCKED || n == NGTCP2_ERR_STREAM_SHUT_WR) {

@@ -58,6 +58,9 @@ public:
     void onTimer();
     // Queues bytes on the stream (kept until acknowledged) and sends as flow control allows.
     void send(std::string bytes);
+    // Queues lastBytes and ends the stream after them (they go out with the FIN, in one frame when they
+    // fit); nothing can be sent after it.
+    void endStream(std::string lastBytes = {});
     // Bytes queued or sent but not yet acknowledged by the peer.
     size_t pendingBytes() const { return static_cast<size_t>(queuedEnd_ - ackedOffset_); }
     size_t lowWatermark = 256 * 1024;
@@ -129,6 +132,8 @@ private:
     uint64_t ackedOffset_ = 0;
     uint64_t sentOffset_ = 0;
     uint64_t queuedEnd_ = 0;
+    bool finWanted_ = false;  // the stream ends at queuedEnd_
+    bool finSent_ = false;
     bool wasAboveLowMark_ = false;
 
     void topUpCredit();

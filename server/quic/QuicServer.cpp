@@ -74,6 +74,11 @@ void QuicConnection::sendLine(std::string_view line) {
     engine_->send(std::move(bytes));
 }
 
+void QuicConnection::endStream(std::string_view lastBytes) {
+    if (closed_ || !engine_) return;
+    engine_->endStream(std::string(lastBytes));
+}
+
 void QuicConnection::close(uint64_t appErrorCode) {
     if (closed_ || !engine_) return;
     engine_->close(appErrorCode, "closed by the server");

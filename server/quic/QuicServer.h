@@ -39,6 +39,9 @@ public:
     QString serverName() const override { return serverName_; }
     QString peerAddress() const override { return peerAddress_; }
     void sendLine(std::string_view line) override;
+    // Ends the stream with these bytes in its last frame, as any QUIC peer may; the relay itself closes
+    // the connection instead.
+    void endStream(std::string_view lastBytes);
     size_t pendingBytes() const override { return engine_ ? engine_->pendingBytes() : 0; }
     void close(uint64_t appErrorCode = 0) override;
     void setReadPaused(bool paused) override;

@@ -66,52 +66,37 @@ void CannedHttpServer::serve(QTcpSocket* socket) {
     socket->setProperty("buffer", buffer);
 }
 
-namespace {
-void check(int rc, const char* what) {
-    if (rc < 0) throw std::runtime_error(std::string(what) + ": " + gnutls_strerror(rc));
-}
-QByteArray take(gnutls_datum_t& d) {
-    QByteArray out(reinterpret_cast<const char*>(d.data), static_cast<qsizetype>(d.size));
-    gnutls_free(d.data);
-    return out;
-}
-}  // namespace
-
 TestCertificate makeSelfSignedCertificate(const QString& hostName, const QDateTime& notBefore,
                                           const QDateTime& notAfter) {
     gnutls_x509_privkey_t key = nullptr;
     gnutls_x509_crt_t crt = nullptr;
-    check(gnutls_x509_privkey_init(&key), "key init");
-    check(gnutls_x509_privkey_generate(key, GNUTLS_PK_ECDSA, GNUTLS_CURVE_TO_BITS(GNUTLS_ECC_CURVE_SECP256R1), 0),
-          "key generate");
-    check(gnutls_x509_crt_init(&crt), "crt init");
     const QByteArray name = hostName.toUtf8();
     const unsigned char serial[] = {0x01, 0x23, 0x45, 0x67};
-    check(gnutls_x509_crt_set_version(crt, 3), "version");
-    check(gnutls_x509_crt_set_serial(crt, serial, sizeof serial), "serial");
-    check(gnutls_x509_crt_set_dn_by_oid(crt, GNUTLS_OID_X520_COMMON_NAME, 0, name.constData(),
-                                        static_cast<unsigned>(name.size())),
-          "common name");
-    check(gnutls_x509_crt_set_subject_alt_name(crt, GNUTLS_SAN_DNSNAME, name.constData(),
-                                               static_cast<unsigned>(name.size()), GNUTLS_FSAN_SET),
-          "alt name");
-    check(gnutls_x509_crt_set_activation_time(crt, notBefore.toSecsSinceEpoch()), "activation");
-    check(gnutls_x509_crt_set_expiration_time(crt, notAfter.toSecsSinceEpoch()), "expiration");
-    check(gnutls_x509_crt_set_basic_constraints(crt, 0, -1), "constraints");
-    check(gnutls_x509_crt_set_key_usage(crt, GNUTLS_KEY_DIGITAL_SIGNATURE), "key usage");
-    check(gnutls_x509_crt_set_key_purpose_oid(crt, GNUTLS_KP_TLS_WWW_SERVER, 0), "purpose");
-    check(gnutls_x509_crt_set_key(crt, key), "set key");
-    check(gnutls_x509_crt_sign2(crt, crt, key, GNUTLS_DIG_SHA256, 0), "sign");
-
     gnutls_datum_t certPem{}, keyPem{};
-    check(gnutls_x509_crt_export2(crt, GNUTLS_X509_FMT_PEM, &certPem), "export crt");
-    check(gnutls_x509_privkey_export2(key, GNUTLS_X509_FMT_PEM, &keyPem), "export key");
-    gnutls_x509_crt_deinit(crt);
-    gnutls_x509_privkey_deinit(key);
-
-    TestCertificate out;
-    out.certificate = QSslCertificate(take(certPem), QSsl::Pem);
-    out.key = QSslKey(take(keyPem), QSsl::Ec, QSsl::Pem);
+    const bool ok =
+        gnutls_x509_privkey_init(&key) == 0 &&
+        gnutls_x509_privkey_generate(key, GNUTLS_PK_ECDSA, GNUTLS_CURVE_TO_BITS(GNUTLS_ECC_CURVE_SECP256R1), 0) == 0 &&
+        gnutls_x509_crt_init(&crt) == 0 && gnutls_x509_crt_set_version(crt, 3) == 0 &&
+        gnutls_x509_crt_set_serial(crt, serial, sizeof serial) == 0 &&
+        gnutls_x509_crt_set_dn_by_oid(crt, GNUTLS_OID_X520_COMMON_NAME, 0, name.constData(), name.size()) == 0 &&
+        gnutls_x509_crt_set_subject_alt_name(crt, GNUTLS_SAN_DNSNAME, name.constData(), name.size(), GNUTLS_FSAN_SET) == 0 &&
+        gnutls_x509_crt_set_activation_time(crt, notBefore.toSecsSinceEpoch()) == 0 &&
+        gnutls_x509_crt_set_expiration_time(crt, notAfter.toSecsSinceEpoch()) == 0 &&
+        gnutls_x509_crt_set_basic_constraints(crt, 0, -1) == 0 &&
+        gnutls_x509_crt_set_key_usage(crt, GNUTLS_KEY_DIGITAL_SIGNATURE) == 0 &&
+        gnutls_x509_crt_set_key_purpose_oid(crt, GNUTLS_KP_TLS_WWW_SERVER, 0) == 0 &&
+        gnutls_x509_crt_set_key(crt, key) == 0 && gnutls_x509_crt_sign2(crt, crt, key, GNUTLS_DIG_SHA256, 0) == 0 &&
+        gnutls_x509_crt_export2(crt, GNUTLS_X509_FMT_PEM, &certPem) == 0 &&
+        gnutls_x509_privkey_export2(key, GNUTLS_X509_FMT_PEM, &keyPem) == 0;
+    if (crt) gnutls_x509_crt_deinit(crt);
+    if (key) gnutls_x509_privkey_deinit(key);
+    auto take = [](gnutls_datum_t& d) {
+        QByteArray out(reinterpret_cast<const char*>(d.data), static_cast<qsizetype>(d.size));
+        gnutls_free(d.data);
+        return out;
+    };
+    TestCertificate out{QSslCertificate(take(certPem), QSsl::Pem), QSslKey(take(keyPem), QSsl::Ec, QSsl::Pem)};
+    if (!ok) throw std::runtime_error("cannot make a test certificate");
     return out;
 }
 

@@ -9,7 +9,9 @@
 
 using namespace ostv;
 
-TEST(Logger, TagsCarryExactlyOneSpace) {
+// Tags carry exactly one space; what a peer sends ends up in log lines (a nickname, a pairing code), so
+// line breaks in the text are written as escapes: it cannot start lines of its own.
+TEST(Logger, TagsCarryOneSpaceAndLineBreaksInTheTextAreEscaped) {
     test::StdoutCapture cap;
     Logger::info("a");
     Logger::error("b");
@@ -19,14 +21,9 @@ TEST(Logger, TagsCarryExactlyOneSpace) {
     Logger::env("f");
     Logger::login("g");
     Logger::ptySetup("h");
-    EXPECT_EQ(cap.text(), "[Info] a\n[Error] b\n[Connection] c\n[TLS] d\n[SESSION] e\n[ENV] f\n[LOGIN] g\n[PTY_SETUP] h\n");
-}
-
-// What a peer sends ends up in log lines (a nickname, a pairing code): it cannot start lines of its own.
-TEST(Logger, LineBreaksInTheTextAreWrittenAsEscapes) {
-    test::StdoutCapture cap;
     Logger::connection("relay: tried unknown code \"1\n[Info] admin login for user admin\r\"");
-    EXPECT_EQ(cap.text(), "[Connection] relay: tried unknown code \"1\\n[Info] admin login for user admin\\r\"\n");
+    EXPECT_EQ(cap.text(), "[Info] a\n[Error] b\n[Connection] c\n[TLS] d\n[SESSION] e\n[ENV] f\n[LOGIN] g\n[PTY_SETUP] h\n"
+                          "[Connection] relay: tried unknown code \"1\\n[Info] admin login for user admin\\r\"\n");
 }
 
 TEST(Logger, TwoThreadsLoggingAtOnceNeverSplitALine) {

@@ -13,30 +13,36 @@ protected:
     }
 };
 
-TEST_F(Settings, FreshStoreGivesTheDefaults) {
+TEST_F(Settings, DefaultsStandInForAbsentZeroNegativeOrMisshapenValues) {
     EXPECT_EQ(ServerConfig::serverHost(), QStringLiteral("127.0.0.1"));
-    EXPECT_EQ(ServerConfig::quicPort(), 9090);
-    EXPECT_EQ(ServerConfig::adminPort(), 8080);
     EXPECT_EQ(ServerConfig::adminBaseURL(), QStringLiteral("http://127.0.0.1:8080"));
     EXPECT_FALSE(ServerConfig::string(SettingsKey::lastPairCode).has_value());
     EXPECT_EQ(ServerConfig::integer(SettingsKey::serverQuicPort), 0);
+    for (const QVariant& stored : {QVariant(), QVariant(0), QVariant(-5), QVariant("not a number")}) {
+        ServerConfig::defaults().setValue(SettingsKey::serverQuicPort, stored);
+        ServerConfig::defaults().setValue(SettingsKey::adminServerPort, stored);
+        EXPECT_EQ(ServerConfig::quicPort(), 9090) << stored.toString().toStdString();
+        EXPECT_EQ(ServerConfig::adminPort(), 8080) << stored.toString().toStdString();
+    }
+    ServerConfig::defaults().setValue(SettingsKey::serverHost, QStringList{"a", "b"});
+    ServerConfig::defaults().setValue(SettingsKey::confirmedMachines, 42);
+    EXPECT_EQ(ServerConfig::serverHost(), QStringLiteral("127.0.0.1"));
+    EXPECT_FALSE(ServerConfig::stringList(SettingsKey::confirmedMachines).has_value());
 }
 
-TEST_F(Settings, ZeroAndNegativePortsFallBackLargeOnesAreKept) {
-    ServerConfig::setInteger(SettingsKey::serverQuicPort, -5);
-    ServerConfig::setInteger(SettingsKey::adminServerPort, 0);
-    EXPECT_EQ(ServerConfig::quicPort(), 9090);
-    EXPECT_EQ(ServerConfig::adminPort(), 8080);
+TEST_F(Settings, StoredValuesAreUsedAsTheyAre) {
     ServerConfig::setInteger(SettingsKey::serverQuicPort, 70000);  // not rejected here; the connect step decides
     ServerConfig::setInteger(SettingsKey::adminServerPort, 18080);
     EXPECT_EQ(ServerConfig::quicPort(), 70000);
     EXPECT_EQ(ServerConfig::adminBaseURL(), QStringLiteral("http://127.0.0.1:18080"));
-}
-
-TEST_F(Settings, EmptyStoredHostIsUsedAsItIs) {
     ServerConfig::setString(SettingsKey::serverHost, "");
     EXPECT_EQ(ServerConfig::serverHost(), QString());
-    EXPECT_EQ(ServerConfig::adminBaseURL(), QStringLiteral("http://:8080"));
+    EXPECT_EQ(ServerConfig::adminBaseURL(), QStringLiteral("http://:18080"));
+    ServerConfig::setStringList(SettingsKey::confirmedMachines, {"m1"});  // one element stays a list
+    ServerConfig::setStringList(SettingsKey::confirmedAgentCodes, {"111111", "222222"});
+    ServerConfig::defaults().sync();
+    EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedMachines), QStringList{"m1"});
+    EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedAgentCodes), (QStringList{"111111", "222222"}));
 }
 
 TEST_F(Settings, ReadsSeeWritesMadeThroughAnotherHandleAtOnce) {
@@ -46,21 +52,4 @@ TEST_F(Settings, ReadsSeeWritesMadeThroughAnotherHandleAtOnce) {
     other.sync();
     EXPECT_EQ(ServerConfig::serverHost(), QStringLiteral("10.1.2.3"));
     EXPECT_EQ(ServerConfig::quicPort(), 9191);
-}
-
-TEST_F(Settings, ValuesOfTheWrongShapeReadAsAbsent) {
-    ServerConfig::defaults().setValue(SettingsKey::serverQuicPort, "not a number");
-    ServerConfig::defaults().setValue(SettingsKey::serverHost, QStringList{"a", "b"});
-    ServerConfig::defaults().setValue(SettingsKey::confirmedMachines, 42);
-    EXPECT_EQ(ServerConfig::quicPort(), 9090);
-    EXPECT_EQ(ServerConfig::serverHost(), QStringLiteral("127.0.0.1"));
-    EXPECT_FALSE(ServerConfig::stringList(SettingsKey::confirmedMachines).has_value());
-}
-
-TEST_F(Settings, StringListsSurviveTheStoreIncludingOneElement) {
-    ServerConfig::setStringList(SettingsKey::confirmedMachines, {"m1"});
-    ServerConfig::setStringList(SettingsKey::confirmedAgentCodes, {"111111", "222222"});
-    ServerConfig::defaults().sync();
-    EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedMachines), QStringList{"m1"});
-    EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedAgentCodes), (QStringList{"111111", "222222"}));
 }

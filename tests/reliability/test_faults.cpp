@@ -1,31 +1,17 @@
 // Faults the client meets in daily use, against the real server program (and, for a broken relay, a
 // scripted one): the relay killed in the middle of a flood and started again, eight shells flooding
-// while a ninth is typed into, loss and delay on the path, and a relay that answers with garbage, with
-// huge lines or not at all. Each checks that the client goes on, loses nothing it stored, and leaves
-// no timer running. (A controller pushed out while its first session is being set up is in the
-// window tests of the takeover, where the user sees it.)
+// while a ninth is typed into, loss and delay on the path, a relay that sends a huge line. (Garbage
+// from the relay and a relay that never answers are in the connection manager's tests.)
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QHostAddress>
-#include <QProcess>
 #include <QTimer>
 #include <algorithm>
-#include <arpa/inet.h>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <map>
-#include <mutex>
-#include <netinet/in.h>
-#include <poll.h>
-#include <queue>
-#include <random>
 #include <string>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -40,6 +26,7 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #include "ConnectionManager.h"
 #include "EnvStore.h"
 #include "LocalServer.h"
+#include "ManagerEvents.h"
 #include "QuicServer.h"
 #include "ServerConfig.h"
 #include "TestSupport.h"
@@ -51,31 +38,38 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// What the connection manager tells its delegate (main thread), with the output decoded per PTY.
-class Client : public QObject, public ConnectionManagerDelegate {
+// A client link whose output is decoded per PTY.
+class Client {
 public:
+    ManagerEvents ev;
     ConnectionManager link;
-    std::vector<ConnectionState::Kind> states;  // as reported to the delegate
     std::map<int64_t, std::string> output;  // decoded
     std::map<int64_t, size_t> outputBytes;
-    std::vector<std::pair<int64_t, Clock::time_point>> outputTimes;  // of the PTY being timed
+    std::vector<Clock::time_point> outputTimes;  // of the PTY being timed
     int64_t timedPty = -1;
-    bool keepFloodText = false;
 
-    Client() { link.setDelegate(this); }
+    Client() {
+        ev.onOutput = [this](const std::string& b64, int64_t id) {
+            const QByteArray bytes = QByteArray::fromBase64(QByteArray::fromStdString(b64));
+            outputBytes[id] += static_cast<size_t>(bytes.size());
+            if (id == timedPty) outputTimes.push_back(Clock::now());
+            if (outputBytes[id] < 64 * 1024 || id == timedPty) output[id] += bytes.toStdString();
+        };
+        link.setDelegate(&ev);
+    }
     // Errors arrive on the transport's thread: it is stopped before the members it writes go away.
-    ~Client() override { link.disconnect(); }
+    ~Client() { link.disconnect(); }
 
     bool pair(const QString& code, int ms = 20000) {
         link.connect(Host{}, code.toStdString(), std::string("tester"));
         return waitUntil([&] { return link.state().isConnected(); }, ms);
     }
-    void create(int64_t id, const std::string& cwd = "~") {
+    void create(int64_t id) {
         Message m("CREATE_PTY");
         m.ptyId = id;
         m.cols = 80;
         m.rows = 24;
-        m.cwd = cwd;
+        m.cwd = "~";
         m.clientId = "fault-tests";
         link.send(m);
     }
@@ -85,50 +79,13 @@ public:
         m.data = data;
         link.send(m);
     }
-    bool shows(int64_t id, const std::string& text, int ms = 10000) {
-        return waitUntil([&] { return output[id].find(text) != std::string::npos; }, ms);
-    }
     // The ping timer (a member of the manager) and any timer object under it.
     int activeTimers() const {
         const auto timers = link.findChildren<QTimer*>();
         return static_cast<int>(std::count_if(timers.begin(), timers.end(), [](QTimer* t) { return t->isActive(); })) +
                (link.isPingTimerActive() ? 1 : 0);
     }
-    std::vector<std::string> errorsSoFar() {
-        std::lock_guard lock(errorsMutex);
-        return errors;
-    }
-
-    void connectionManagerDidChangeState(ConnectionManager*, const ConnectionState& s) override {
-        states.push_back(s.kind);
-    }
-    void connectionManagerDidReceivePtyList(ConnectionManager*, const std::vector<PtyInfo>&) override {}
-    void connectionManagerDidReceiveControllerList(ConnectionManager*, const std::vector<ControllerInfo>&, int64_t,
-                                                   int64_t) override {}
-    void connectionManagerWasKicked(ConnectionManager*, const std::string&, const std::string&) override {}
-    void connectionManagerDidReceiveOutput(ConnectionManager*, const std::string& b64, int64_t id) override {
-        const QByteArray bytes = QByteArray::fromBase64(QByteArray::fromStdString(b64));
-        outputBytes[id] += static_cast<size_t>(bytes.size());
-        if (id == timedPty) outputTimes.emplace_back(id, Clock::now());
-        if (keepFloodText || outputBytes[id] < 64 * 1024 || id == timedPty) output[id] += bytes.toStdString();
-    }
-    void connectionManagerDidReceivePtyExit(ConnectionManager*, int64_t, int64_t) override {}
-    void connectionManagerDidReceivePtyError(ConnectionManager*, int64_t, const std::string& r) override {
-        std::lock_guard lock(errorsMutex);
-        errors.push_back("pty: " + r);
-    }
-    // Transport errors arrive on the transport thread.
-    void connectionManagerDidReceiveError(ConnectionManager*, const std::string& m) override {
-        std::lock_guard lock(errorsMutex);
-        errors.push_back(m);
-    }
-    void connectionManagerControllerJoined(ConnectionManager*, const std::string&, const std::string&) override {}
-    void connectionManagerControllerLeft(ConnectionManager*, const std::string&) override {}
-    void connectionManagerDidMeasureLatency(ConnectionManager*, int64_t, double, double) override {}
-
-private:
-    std::mutex errorsMutex;
-    std::vector<std::string> errors;
+    ConnectionState::Kind lastState() const { return ev.states.empty() ? ConnectionState::Kind::connecting : ev.states.back().kind; }
 };
 
 // What this process holds: its resident memory, or under AddressSanitizer (whose quarantine keeps
@@ -161,10 +118,12 @@ protected:
         envKey = EnvStore::storageKey("machine-1", "/home/u/project").value_or("");
         EnvStore::save(envKey, {{"API_URL", "https://example.test/v1"}, {"MODE", "a b \"c\""}});
     }
-    void useServer(const LocalServer& s) {
-        ServerConfig::setString(SettingsKey::serverHost, s.host());
-        ServerConfig::setInteger(SettingsKey::serverQuicPort, s.quicPort());
-        ServerConfig::setInteger(SettingsKey::adminServerPort, s.adminPort());
+    // The server program with one built-in agent, and the settings pointing at it.
+    void startServer() {
+        ASSERT_TRUE(server.start()) << server.errorString().toStdString();
+        ServerConfig::setString(SettingsKey::serverHost, server.host());
+        ServerConfig::setInteger(SettingsKey::serverQuicPort, server.quicPort());
+        ServerConfig::setInteger(SettingsKey::adminServerPort, server.adminPort());
     }
     void expectNothingStoredLost(const std::map<QString, QVariant>& before) {
         EXPECT_EQ(snapshot(ServerConfig::defaults()), before);
@@ -173,12 +132,11 @@ protected:
         EXPECT_EQ(rows[1].value, "a b \"c\"");
     }
     QString envKey;
+    LocalServer server{QStringList{"--agents", "1"}};
 };
 
 TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
-    LocalServer server({"--agents", "1"});
-    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
-    useServer(server);
+    ASSERT_NO_FATAL_FAILURE(startServer());
     const auto before = snapshot(ServerConfig::defaults());
     Client c;
     ASSERT_TRUE(c.pair(server.code()));
@@ -189,9 +147,8 @@ TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
     ::kill(server.pid(), SIGKILL);  // no goodbye: the relay is simply gone
     ASSERT_TRUE(waitUntil([&] { return !c.link.state().isConnected(); }, 30000))
         << "the client never noticed the relay had gone";
-    EXPECT_FALSE(c.errorsSoFar().empty()) << "the lost link was not reported";
-    ASSERT_FALSE(c.states.empty());
-    EXPECT_EQ(c.states.back(), ConnectionState::Kind::disconnected);
+    EXPECT_GT(c.ev.count("error "), 0u) << "the lost link was not reported";
+    EXPECT_EQ(c.lastState(), ConnectionState::Kind::disconnected);
     EXPECT_EQ(c.activeTimers(), 0) << "a timer of the dead link still runs";
 
     ASSERT_TRUE(server.restart());
@@ -200,7 +157,7 @@ TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
     c.output[1].clear();
     c.outputBytes[1] = 0;
     c.type(1, "echo back-$((6*7))\r");
-    EXPECT_TRUE(c.shows(1, "back-42"));
+    EXPECT_TRUE(waitUntil([&] { return c.output[1].find("back-42") != std::string::npos; }, 10000));
     c.link.disconnect();
     EXPECT_EQ(c.activeTimers(), 0);
     expectNothingStoredLost(before);
@@ -210,9 +167,7 @@ TEST_F(Faults, RelayKilledInTheMiddleOfAFloodAndStartedAgain) {
 // running `cat`, is typed into: every keystroke's echo comes back within 100 ms.
 TEST_F(Faults, EightShellsFloodWhileANinthIsTypedInto) {
     const int seconds = qEnvironmentVariableIntValue("OSTV_LONG_FAULTS") ? 60 : 10;
-    LocalServer server({"--agents", "1"});
-    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
-    useServer(server);
+    ASSERT_NO_FATAL_FAILURE(startServer());
     Client c;
     ASSERT_TRUE(c.pair(server.code()));
     for (int64_t id = 1; id <= 9; ++id) c.create(id);
@@ -238,7 +193,7 @@ TEST_F(Faults, EightShellsFloodWhileANinthIsTypedInto) {
             ++lost;
             continue;
         }
-        echoMs.push_back(std::chrono::duration<double, std::milli>(c.outputTimes.back().second - sent).count());
+        echoMs.push_back(std::chrono::duration<double, std::milli>(c.outputTimes.back() - sent).count());
         spin(40);
     }
     size_t flooded = 0;
@@ -254,11 +209,16 @@ TEST_F(Faults, EightShellsFloodWhileANinthIsTypedInto) {
     c.link.disconnect();
 }
 
-// Pairs over a path that loses and delays packets, then types 200 numbered pieces into `cat`: every
-// piece comes back once and in order.
-void pairAndTypeInOrder(Client& c, const QString& code) {
+// 20 % of the packets lost and 100 ms of delay on the path, by a forwarder in this process: pairing
+// still works, and 200 numbered pieces typed into `cat` each come back once and in order.
+TEST_F(Faults, LossAndDelayOnThePath) {
+    ASSERT_NO_FATAL_FAILURE(startServer());
+    UdpForwarder path(server.quicPort(), 0.20, std::chrono::milliseconds(100));
+    ASSERT_TRUE(path.ok());
+    ServerConfig::setInteger(SettingsKey::serverQuicPort, path.port());
+    Client c;
     const auto pairStart = Clock::now();
-    ASSERT_TRUE(c.pair(code, 90000)) << "pairing over a lossy path";
+    ASSERT_TRUE(c.pair(server.code(), 90000)) << "pairing over a lossy path";
     const double pairSeconds = std::chrono::duration<double>(Clock::now() - pairStart).count();
     c.create(1);
     c.type(1, "stty -echo; cat\r");
@@ -275,8 +235,10 @@ void pairAndTypeInOrder(Client& c, const QString& code) {
         spin(10);  // typed, not pasted: each piece goes in packets of its own
     }
     ASSERT_TRUE(waitUntil([&] { return c.output[1].find("199,") != std::string::npos; }, 90000));
-    std::printf("[ FIGURES  ] lossy path: paired in %.1f s, 200 typed pieces back in %.1f s\n", pairSeconds,
-                std::chrono::duration<double>(Clock::now() - typeStart).count());
+    std::printf("[ FIGURES  ] lossy path: paired in %.1f s, 200 typed pieces back in %.1f s; %llu datagrams dropped, "
+                "%llu passed\n", pairSeconds, std::chrono::duration<double>(Clock::now() - typeStart).count(),
+                static_cast<unsigned long long>(path.dropped()), static_cast<unsigned long long>(path.passed()));
+    EXPECT_GT(path.dropped(), 0u);
     spin(1000);  // anything doubled would come now
     std::string got;
     for (char ch : c.output[1])
@@ -285,122 +247,32 @@ void pairAndTypeInOrder(Client& c, const QString& code) {
     const size_t first = got.find("0,1,2,");
     ASSERT_NE(first, std::string::npos) << got;
     EXPECT_EQ(got.substr(first), sent) << "typed input lost, doubled or reordered";
-    c.link.disconnect();
 }
 
-// 20 % of the packets lost and 100 ms of delay, with netem on the loopback of a network namespace of
-// our own, where the machine lets us make one (root, network namespaces, the kernel's netem).
-TEST_F(Faults, LossAndDelayOnThePath) {
-    if (!qEnvironmentVariableIsSet("OSTV_UNDER_NETEM")) {
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("OSTV_UNDER_NETEM", "1");
-        p.setProcessEnvironment(env);
-        p.setProcessChannelMode(QProcess::MergedChannels);
-        const QString script = QStringLiteral(
-            "ip link set lo up || exit 77; tc qdisc add dev lo root netem delay 100ms loss 20% || exit 77; "
-            "exec \"$0\" --gtest_filter=Faults.LossAndDelayOnThePath");
-        p.start(QStringLiteral("unshare"), {"--net", "sh", "-c", script, QCoreApplication::applicationFilePath()});
-        if (!p.waitForStarted(5000)) GTEST_SKIP() << "netem: unshare cannot be started here";
-        EXPECT_TRUE(p.waitForFinished(240000));
-        const QByteArray out = p.readAll();
-        if (p.exitCode() == 77 || out.contains("unshare failed"))
-            GTEST_SKIP() << "netem: no network namespace with netem on this machine (" << out.trimmed().toStdString()
-                         << "); the same path is covered by LossAndDelayThroughALossyForwarder";
-        EXPECT_EQ(p.exitCode(), 0) << out.toStdString();
-        return;
-    }
-    LocalServer server({"--agents", "1"});
-    ASSERT_TRUE(server.start(60000)) << server.errorString().toStdString();
-    useServer(server);
-    Client c;
-    pairAndTypeInOrder(c, server.code());
-}
-
-// The same loss and delay made by a forwarder in this process, so that it runs on every machine.
-TEST_F(Faults, LossAndDelayThroughALossyForwarder) {
-    LocalServer server({"--agents", "1"});
-    ASSERT_TRUE(server.start()) << server.errorString().toStdString();
-    useServer(server);
-    UdpForwarder path(server.quicPort(), 0.20, std::chrono::milliseconds(100));
-    ASSERT_TRUE(path.ok());
-    ServerConfig::setInteger(SettingsKey::serverQuicPort, path.port());
-    Client c;
-    pairAndTypeInOrder(c, server.code());
-    std::printf("[ FIGURES  ] lossy forwarder: %llu datagrams dropped, %llu passed\n",
-                static_cast<unsigned long long>(path.dropped()), static_cast<unsigned long long>(path.passed()));
-    EXPECT_GT(path.dropped(), 0u);
-}
-
-// A relay that is not right: it never answers "pair", answers with garbage, or sends a line far over
-// any sane size before the real answer. The client reports, stays bounded, and pairs once the answer
-// comes.
-TEST_F(Faults, ARelayThatAnswersWithGarbageHugeLinesOrNothing) {
-    enum class Mode { silent, garbage, huge } mode = Mode::silent;
+// A relay that sends a line far over any sane size (40 MiB without a line feed) before its answer: the
+// line is dropped whole, memory stays bounded, and the next line pairs.
+TEST_F(Faults, ARelayThatSendsAHugeLine) {
     server::QuicServer relay;
     relay.onConnection = [&](server::QuicConnection* conn) {
-        conn->onLine = [&mode, conn](std::string_view line) {
+        conn->onLine = [conn](std::string_view line) {
             if (line.find("\"pair\"") == std::string_view::npos) return;
-            const std::string paired = R"({"type":"paired","id":"c-1","home_dir":"/home/u","os":"linux","machine_id":"m-1"})";
-            switch (mode) {
-                case Mode::silent: return;
-                case Mode::garbage:
-                    for (const char* g : {"\xff\xfe\x00garbage", "{not json", "[1,2,3]", R"({"type":7})",
-                                          R"({"type":"paired","id":5})", R"({"type":"PTY_DATA","pty_id":"x"})"})
-                        conn->sendLine(g);
-                    conn->sendLine(paired);
-                    return;
-                case Mode::huge: {
-                    const std::string block(1024 * 1024, 'A');
-                    std::string big;
-                    for (int i = 0; i < 40; ++i) big += block;  // 40 MiB without a line feed
-                    conn->sendLine(big);
-                    conn->sendLine(paired);
-                    return;
-                }
-            }
+            conn->sendLine(std::string(40 * 1024 * 1024, 'A'));
+            conn->sendLine(R"({"type":"paired","id":"c-1","home_dir":"/home/u","os":"linux","machine_id":"m-1"})");
         };
     };
     ASSERT_TRUE(relay.listen(QHostAddress::LocalHost, 0));
     ServerConfig::setString(SettingsKey::serverHost, "127.0.0.1");
     ServerConfig::setInteger(SettingsKey::serverQuicPort, relay.port());
     const auto before = snapshot(ServerConfig::defaults());
-
-    {  // never answers: the client says it waits for the relay's answer (the connect panel gives up on
-       // its own clock) and nothing else happens; giving up leaves nothing running
-        Client c;
-        c.link.connect(Host{}, "123456", std::string("tester"));
-        spin(3000);
-        EXPECT_EQ(c.link.state().kind, ConnectionState::Kind::waitingForList);
-        ASSERT_FALSE(c.states.empty());
-        EXPECT_EQ(c.states.back(), ConnectionState::Kind::waitingForList);
-        EXPECT_FALSE(c.link.isPingTimerActive()) << "pinging a relay that never paired";
-        c.link.disconnect();
-        EXPECT_EQ(c.link.state().kind, ConnectionState::Kind::disconnected);
-        EXPECT_EQ(c.activeTimers(), 0);
-    }
-    {  // garbage first: each bad line is reported and skipped, the good one pairs
-        mode = Mode::garbage;
-        StdoutCapture log;
-        Client c;
-        ASSERT_TRUE(c.pair("123456", 15000));
-        const std::string text = log.text();
-        size_t reported = 0;
-        for (size_t at = text.find("[Error]"); at != std::string::npos; at = text.find("[Error]", at + 1)) ++reported;
-        EXPECT_GE(reported, 5u) << text;
-        c.link.disconnect();
-    }
-    {  // a 40 MiB line: dropped whole, memory stays bounded, the next line pairs
-        mode = Mode::huge;
-        const long rssBefore = residentKiB();
-        Client c;
-        ASSERT_TRUE(c.pair("123456", 60000));
-        const long grownMiB = (residentKiB() - rssBefore) / 1024;
-        std::printf("[ FIGURES  ] a 40 MiB line from the relay: this process (client and scripted relay, which holds the line to send) grew by %ld MiB%s\n", grownMiB,
-                    OSTV_ASAN ? " of heap" : "");
-        EXPECT_LT(grownMiB, 64);
-        c.link.disconnect();
-    }
+    const long rssBefore = residentKiB();
+    Client c;
+    ASSERT_TRUE(c.pair("123456", 60000));
+    const long grownMiB = (residentKiB() - rssBefore) / 1024;
+    std::printf("[ FIGURES  ] a 40 MiB line from the relay: this process (client and scripted relay, which holds the "
+                "line to send) grew by %ld MiB%s\n", grownMiB, OSTV_ASAN ? " of heap" : "");
+    EXPECT_LT(grownMiB, 64);
+    c.link.disconnect();
+    EXPECT_EQ(c.activeTimers(), 0);
     expectNothingStoredLost(before);
 }
 

@@ -44,16 +44,18 @@ public:
         errors.push_back(e.description());
     }
     std::string text() { std::lock_guard l(m); return received; }
+    void setOnData(std::function<void()> fn) { std::lock_guard l(m); onData = std::move(fn); }
     size_t errorCount() { std::lock_guard l(m); return errors.size(); }
     bool reached(QUICTransportState::Kind k) const {
         for (const auto& s : states) if (s.kind == k) return true;
         return false;
     }
-    // Reports for `t` come here; connects it and waits until it is ready.
+    // Reports for `t` come here; connects it and waits until it is ready (false: failed or too late).
     bool connect(QUICTransport& t) {
         t.setDelegate(this);
         t.connect();
-        return waitUntil([&] { return reached(QUICTransportState::Kind::ready); }, 10000);
+        waitUntil([&] { return reached(QUICTransportState::Kind::ready) || reached(QUICTransportState::Kind::failed); }, 10000);
+        return reached(QUICTransportState::Kind::ready);
     }
 };
 
@@ -62,7 +64,8 @@ struct EchoServer {
     std::vector<QString> serverNames;
     std::vector<std::string> lines;
     QPointer<QuicConnection> last;
-    EchoServer() {
+    explicit EchoServer(const std::function<void(QuicServer&)>& configure = {}) {
+        if (configure) configure(server);
         server.onConnection = [this](QuicConnection* c) {
             serverNames.push_back(c->serverName());
             last = c;
@@ -75,63 +78,46 @@ struct EchoServer {
     }
 };
 
+// The relay's certificate is self-signed for some other name and may have expired: it is accepted.
 TEST(QuicTransport, HandshakeSendsAndEchoesLinesWithServerName) {
-    EchoServer echo;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    EchoServer echo([&](QuicServer& s) { s.setCertificateOptions("relay.elsewhere.test", now.addYears(-3), now.addYears(-2)); });
     Recorder rec;
-    QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-123456"));
+    QUICTransport t("localhost", echo.server.port(), QString("ctrl-123456"));
     t.setDelegate(&rec);
+    std::optional<QUICTransportError> early;
+    t.send("early", [&](std::optional<QUICTransportError> e) { early = e; });  // answered at once
+    ASSERT_TRUE(early.has_value());
+    EXPECT_EQ(early->description(), "未连接到服务器");
     StdoutCapture log;
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
+    ASSERT_TRUE(rec.connect(t)) << (rec.errors.empty() ? "" : rec.errors.at(0).toStdString());
     EXPECT_EQ(rec.states.front().kind, QUICTransportState::Kind::preparing);
     t.send(R"({"type":"LIST_PTY"})");
     ASSERT_TRUE(waitUntil([&] { return rec.text() == "echo:{\"type\":\"LIST_PTY\"}\n"; }, 5000)) << rec.text();
-    ASSERT_EQ(echo.lines.size(), 1u);
-    EXPECT_EQ(echo.lines[0], R"({"type":"LIST_PTY"})");  // exactly the object, one line feed stripped
+    // Exactly the object, one line feed stripped; the early line was not queued for later.
+    EXPECT_EQ(echo.lines, std::vector<std::string>{R"({"type":"LIST_PTY"})"});
     EXPECT_EQ(echo.serverNames, std::vector<QString>{"ctrl-123456"});
     EXPECT_FALSE(rec.dataOnMainThread.empty());
     for (bool onMain : rec.dataOnMainThread) EXPECT_FALSE(onMain);
     const std::string text = log.text();
-    EXPECT_NE(text.find("[Connection] QUIC connecting to 127.0.0.1:" + std::to_string(echo.server.port()) +
-                        ", SNI: ctrl-123456"), std::string::npos);
+    EXPECT_NE(text.find("[Connection] QUIC connecting to localhost:" + std::to_string(echo.server.port()) +
+                        ", SNI: ctrl-123456"), std::string::npos) << text;
     EXPECT_NE(text.find("[Connection] State: ready - QUIC connected"), std::string::npos);
+
+    // Disconnecting closes the server's side of the connection and reports nothing more here.
+    QString closedWhy;
+    ASSERT_TRUE(echo.last);
+    echo.last->onClosed = [&](const QString& why) { closedWhy = why; };
+    const size_t states = rec.states.size();
+    t.disconnect();
+    ASSERT_TRUE(waitUntil([&] { return !closedWhy.isEmpty(); }, 5000));  // CONNECTION_CLOSE reached the server
+    spin(200);
+    EXPECT_EQ(rec.states.size(), states);
+    EXPECT_EQ(rec.errorCount(), 0u);
 }
 
-TEST(QuicTransport, SendBeforeReadyIsNotConnectedAndWritesNothing) {
-    EchoServer echo;
-    Recorder rec;
-    QUICTransport t("127.0.0.1", echo.server.port(), std::nullopt);
-    t.setDelegate(&rec);
-    std::optional<QUICTransportError> result;
-    bool called = false;
-    t.send("early", [&](std::optional<QUICTransportError> e) { called = true; result = e; });
-    ASSERT_TRUE(called);
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->description(), "未连接到服务器");
-    StdoutCapture log;
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
-    EXPECT_NE(log.text().find(", SNI: none"), std::string::npos);
-    t.send("now");
-    ASSERT_TRUE(waitUntil([&] { return rec.text() == "echo:now\n"; }, 5000)) << rec.text();
-    EXPECT_EQ(echo.lines, std::vector<std::string>{"now"});  // the early line was not queued for later
-    EXPECT_TRUE(echo.serverNames.at(0).isEmpty());
-}
-
-TEST(QuicTransport, ServerGoingAwayIsReportedAsAFailure) {
-    Recorder rec;
-    auto echo = std::make_unique<EchoServer>();
-    QUICTransport t("127.0.0.1", echo->server.port(), QString("ctrl-1"));
-    ASSERT_TRUE(rec.connect(t));
-    echo.reset();  // the listener closes its connections and its socket
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::failed); }, 20000));
-    EXPECT_GE(rec.errorCount(), 1u);
-    std::optional<QUICTransportError> r;
-    t.send("x", [&](std::optional<QUICTransportError> e) { r = e; });
-    EXPECT_TRUE(r.has_value());
-}
-
-// The peer's close: a plain one reads as such; one with an error code names it, for the log.
+// The peer's close: a plain one reads as such; one with an error code names it, for the log. Either way
+// the attempt has failed and sends no more.
 TEST(QuicTransport, ThePeersCloseErrorCodeIsNamedInTheFailure) {
     for (const uint64_t code : {uint64_t{0}, uint64_t{7}}) {
         Recorder rec;
@@ -146,17 +132,18 @@ TEST(QuicTransport, ThePeersCloseErrorCodeIsNamedInTheFailure) {
         const QString error = rec.states.back().error;
         EXPECT_TRUE(error.contains("connection closed by peer")) << error.toStdString();
         EXPECT_EQ(error.contains("application error 7"), code == 7) << error.toStdString();
+        EXPECT_EQ(rec.errorCount(), 1u);
+        std::optional<QUICTransportError> r;
+        t.send("x", [&](std::optional<QUICTransportError> e) { r = e; });
+        EXPECT_TRUE(r.has_value());
     }
 }
 
 TEST(QuicTransport, NobodyListeningLeavesTheAttemptWaiting) {
     Recorder rec;
-    quint16 port;
-    {
-        QuicServer probe;
-        ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
-        port = probe.port();
-    }
+    quint16 port = 0;
+    if (QuicServer probe; probe.listen(QHostAddress::LocalHost, 0)) port = probe.port();
+    ASSERT_NE(port, 0);
     QUICTransport t("127.0.0.1", port, std::nullopt);
     t.setDelegate(&rec);
     t.connect();
@@ -164,47 +151,9 @@ TEST(QuicTransport, NobodyListeningLeavesTheAttemptWaiting) {
     EXPECT_FALSE(rec.reached(QUICTransportState::Kind::ready));
 }
 
-TEST(QuicTransport, DisconnectClosesTheServersConnectionAndStaysSilent) {
-    EchoServer echo;
-    Recorder rec;
-    QString closedWhy;
-    auto t = std::make_unique<QUICTransport>("127.0.0.1", echo.server.port(), QString("ctrl-2"));
-    t->setDelegate(&rec);
-    t->connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready); }, 10000));
-    t->send("hello");
-    ASSERT_TRUE(waitUntil([&] { return echo.last && rec.text() == "echo:hello\n"; }, 5000));
-    echo.last->onClosed = [&](const QString& why) { closedWhy = why; };
-    const size_t states = rec.states.size();
-    t->disconnect();
-    ASSERT_TRUE(waitUntil([&] { return !closedWhy.isEmpty(); }, 5000));  // CONNECTION_CLOSE reached the server
-    spin(200);
-    EXPECT_EQ(rec.states.size(), states);
-    EXPECT_EQ(rec.errorCount(), 0u);
-    t.reset();
-}
-
-TEST(QuicTransport, LargeTransfersArriveWholeAndInOrderBothWays) {
-    EchoServer echo;
-    Recorder rec;
-    QUICTransport t("127.0.0.1", echo.server.port(), QString("ctrl-3"));
-    ASSERT_TRUE(rec.connect(t));
-    std::string expected;
-    for (int i = 0; i < 200; ++i) {
-        std::string line = std::to_string(i);
-        line.insert(0, 1, 'L');
-        line.push_back(':');
-        line.append(20000 + i, static_cast<char>('a' + i % 26));
-        expected += "echo:" + line + "\n";
-        t.send(line);
-    }
-    ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
-    EXPECT_TRUE(rec.text() == expected);
-}
-
-// No datagram is larger than the peer said it takes. The handshake goes in standard-sized datagrams (a
-// QUIC server on this machine that takes no more than that must still be reachable); after it, with our
-// own server advertising large datagrams, loopback traffic uses them.
+// Large transfers arrive whole, and no datagram is larger than the peer said it takes. The handshake
+// goes in standard-sized datagrams (a QUIC server on this machine that takes no more than that must still
+// be reachable); after it, with our own server advertising large datagrams, loopback traffic uses them.
 TEST(QuicTransport, DatagramsStayWithinWhatThePeerAdvertises) {
     for (const size_t advertised : {size_t{NGTCP2_DEFAULT_MAX_RECV_UDP_PAYLOAD_SIZE}, size_t{1350}}) {
         SCOPED_TRACE(advertised);
@@ -216,46 +165,23 @@ TEST(QuicTransport, DatagramsStayWithinWhatThePeerAdvertises) {
         QUICTransport t("127.0.0.1", path.port(), QString("ctrl-8"));
         ASSERT_TRUE(rec.connect(t));
         std::string expected;
-        for (int i = 0; i < 16; ++i) {
-            const std::string line(30000, static_cast<char>('a' + i));
+        for (int i = 0; i < 100; ++i) {  // 3 MB each way: past the stream windows, whole and in order
+            const std::string line = std::to_string(i) + std::string(30000 + i, static_cast<char>('a' + i % 26));
             expected += "echo:" + line + "\n";
             t.send(line);
         }
         ASSERT_TRUE(waitUntil([&] { return rec.text().size() >= expected.size(); }, 30000)) << rec.text().size();
         EXPECT_TRUE(rec.text() == expected);
         const std::vector<size_t> fromClient = path.sizesFromClient(), fromServer = path.sizesFromServer();
-        ASSERT_FALSE(fromClient.empty());
-        ASSERT_FALSE(fromServer.empty());
+        ASSERT_FALSE(fromClient.empty() || fromServer.empty());
         EXPECT_GE(fromClient.front(), 1200u) << "an Initial is padded";
-        EXPECT_LE(fromClient.front(), 1452u);
-        EXPECT_LE(fromServer.front(), 1452u);
+        EXPECT_LE(std::max(fromClient.front(), fromServer.front()), 1452u);
         const size_t largest = *std::max_element(fromClient.begin(), fromClient.end());
         EXPECT_LE(largest, advertised);
         if (advertised > 1452) {
             EXPECT_GT(largest, 1452u) << "loopback to our own server takes large datagrams";
         }
     }
-}
-
-TEST(QuicTransport, AnExpiredSelfSignedCertificateForAnotherNameIsAccepted) {
-    QuicServer server;
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    server.setCertificateOptions("relay.elsewhere.test", now.addYears(-3), now.addYears(-2));
-    std::vector<QString> names;
-    server.onConnection = [&](QuicConnection* c) {
-        names.push_back(c->serverName());
-        c->onLine = [c](std::string_view line) { c->sendLine(std::string(line) + "!"); };
-    };
-    ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0)) << server.errorString().toStdString();
-    Recorder rec;
-    QUICTransport t("localhost", server.port(), QString("ctrl-654321"));
-    t.setDelegate(&rec);
-    t.connect();
-    ASSERT_TRUE(waitUntil([&] { return rec.reached(QUICTransportState::Kind::ready) || rec.reached(QUICTransportState::Kind::failed); }, 10000));
-    ASSERT_FALSE(rec.reached(QUICTransportState::Kind::failed)) << rec.errors.at(0).toStdString();
-    t.send("hi");
-    ASSERT_TRUE(waitUntil([&] { return rec.text() == "hi!\n"; }, 5000)) << rec.text();
-    EXPECT_EQ(names, std::vector<QString>{"ctrl-654321"});
 }
 
 TEST(QuicTransport, PausedReadingHoldsThePeerBackAndResumingDeliversEverythingInOrder) {
@@ -270,12 +196,10 @@ TEST(QuicTransport, PausedReadingHoldsThePeerBackAndResumingDeliversEverythingIn
     spin(50);
     bool drained = false;
     echo.last->onDrained = [&] { drained = true; };
-    const std::string filler(16 * 1024, 'x');
     for (int i = 0; i < 1536; ++i) {  // 24 MiB
-        std::string line = std::to_string(i);
-        line.append(filler);
+        const std::string line = std::to_string(i) + std::string(16 * 1024, 'x');
         echo.last->sendLine(line);
-        expected.append(line).push_back('\n');
+        expected += line + "\n";
     }
     spin(1000);
     // The peer may only fill the credit it had when reading paused: the client's receive window, 1 MiB.
@@ -287,16 +211,10 @@ TEST(QuicTransport, PausedReadingHoldsThePeerBackAndResumingDeliversEverythingIn
     // window (64 KiB) to send, not the credit held back while paused nor the full window.
     const size_t beforeStep = rec.text().size();
     t.setReadNarrowed(true);
-    {
-        std::lock_guard l(rec.m);
-        rec.onData = [&t] { t.setReadPaused(true); };  // on the transport thread: at once
-    }
+    rec.setOnData([&t] { t.setReadPaused(true); });  // on the transport thread: at once
     t.setReadPaused(false);
     spin(500);
-    {
-        std::lock_guard l(rec.m);
-        rec.onData = nullptr;
-    }
+    rec.setOnData(nullptr);
     const size_t step = rec.text().size() - beforeStep;
     EXPECT_GT(step, 0u);
     EXPECT_LE(step, 64u * 1024);
@@ -313,8 +231,8 @@ TEST(QuicServerLines, ALineOverTheLimitIsDroppedAndTheStreamGoesOn) {
     echo.server.maxLineBytes = 4096;
     Recorder rec;
     QUICTransport t("127.0.0.1", echo.server.port(), std::nullopt);
-    ASSERT_TRUE(rec.connect(t));
     StdoutCapture log;
+    ASSERT_TRUE(rec.connect(t));
     t.send(std::string(4096, 'a'));     // exactly at the limit: kept
     t.send(std::string(4097, 'b'));     // one byte over, in one packet
     t.send(std::string(200000, 'c'));  // over, across many packets
@@ -325,6 +243,8 @@ TEST(QuicServerLines, ALineOverTheLimitIsDroppedAndTheStreamGoesOn) {
     EXPECT_EQ(echo.lines[0], std::string(4096, 'a'));
     EXPECT_EQ(echo.lines[1], "after");
     EXPECT_NE(log.text().find("[Error] Dropped a line of more than 4096 bytes from 127.0.0.1:"), std::string::npos);
+    EXPECT_NE(log.text().find(", SNI: none"), std::string::npos);
+    EXPECT_TRUE(echo.serverNames.at(0).isEmpty());
 }
 
 }  // namespace
