@@ -228,7 +228,8 @@ TEST_F(TerminalViewTest, AKeyReadsOnUntilItsEchoComesUpToTheHardLimit) {
     ASSERT_TRUE(waitUntil([&] { return !link.paused; }, 30000)) << "the page never wrote anything";
     EXPECT_GT(queued(), TerminalView::kPauseAbove) << "an awaited echo reads on as soon as there is room";
     EXPECT_EQ(link.ofType("INPUT").size(), 3u);
-    // Caught up, the link reads on with its full window again.
+    // The echo comes; caught up, the link reads on with its full window again.
+    view->writeOutput(b64("x"), 2);
     view->switchTab(1);
     ASSERT_TRUE(waitUntil([&] { return queued() == 0; }, 90000))
         << "still queued: " << queued() << " page: " << QJsonDocument::fromVariant(eval("__pageState()")).toJson().toStdString();
@@ -315,6 +316,7 @@ TEST_F(TerminalViewTest, OutputThatIsNotBase64NeverReachesThePage) {
     EXPECT_TRUE(TerminalView::isWellFormedBase64(""));
     EXPECT_TRUE(TerminalView::isWellFormedBase64("YQ=="));
     EXPECT_TRUE(TerminalView::isWellFormedBase64("+/9a"));
+    EXPECT_FALSE(TerminalView::isWellFormedBase64("YW'j"));  // a quote would end the script's argument
 }
 
 TEST_F(TerminalViewTest, LatencyColoursAndEscaping) {
