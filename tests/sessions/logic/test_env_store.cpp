@@ -11,26 +11,19 @@ protected:
     void SetUp() override { ServerConfig::defaults().clear(); }
 };
 
-TEST_F(EnvStoreTest, Djb2MatchesTheDefinition) {
-    EXPECT_EQ(EnvStore::djb2Hex(""), "1505");                 // 5381
-    EXPECT_EQ(EnvStore::djb2Hex("a"), "2B606");               // 5381 * 33 + 97
-    EXPECT_EQ(EnvStore::djb2Hex("/home/user/project/with/a/long/path/that/wraps/around"),
-              EnvStore::djb2Hex("/home/user/project/with/a/long/path/that/wraps/around"));
-    // Bytes, not characters: non-ASCII text is hashed over its UTF-8 form (é = C3 A9).
-    EXPECT_EQ(EnvStore::djb2Hex(QString("é").toUtf8()),
-              QString::number((uint64_t(5381) * 33 + 0xC3) * 33 + 0xA9, 16).toUpper());
-    // Wrapping: a long text must not saturate or throw, and its digits are upper-case hex.
-    const QString h = EnvStore::djb2Hex(QByteArray(10000, 'z'));
-    EXPECT_LE(h.size(), 16);
-    EXPECT_EQ(h, h.toUpper());
-}
-
-TEST_F(EnvStoreTest, KeysNeedBothPartsAndHashTheTextAsGiven) {
-    EXPECT_EQ(EnvStore::storageKey("m1", "/srv"), "envVars_m1_" + EnvStore::djb2Hex("/srv"));
+TEST_F(EnvStoreTest, KeysHashTheDirectoryBytesAsGivenAndNeedBothParts) {
+    // djb2 from 5381 over the UTF-8 bytes (é = C3 A9), upper-case hex, wrapping instead of saturating.
+    const struct { QByteArray text; uint64_t hash; } table[] = {
+        {"", 5381}, {"a", 5381 * 33 + 97}, {QString("é").toUtf8(), (uint64_t(5381) * 33 + 0xC3) * 33 + 0xA9},
+        {"/srv", (((uint64_t(5381) * 33 + '/') * 33 + 's') * 33 + 'r') * 33 + 'v'}};
+    for (const auto& [text, hash] : table)
+        EXPECT_EQ(EnvStore::djb2Hex(text), QString::number(hash, 16).toUpper()) << text.toStdString();
+    const QString wrapped = EnvStore::djb2Hex(QByteArray(10000, 'z'));
+    EXPECT_TRUE(wrapped.size() <= 16 && wrapped == wrapped.toUpper()) << wrapped.toStdString();
+    EXPECT_EQ(EnvStore::storageKey("m1", "/srv"), "envVars_m1_" + QString::number(table[3].hash, 16).toUpper());
     EXPECT_FALSE(EnvStore::storageKey("", "/srv").has_value());
     EXPECT_FALSE(EnvStore::storageKey("m1", "").has_value());
     EXPECT_NE(EnvStore::storageKey("m1", "/srv"), EnvStore::storageKey("m1", "/srv/"));
-    EXPECT_EQ(EnvStore::storageKey("m1", QString("/srv  ").trimmed()), EnvStore::storageKey("m1", "/srv"));
 }
 
 TEST_F(EnvStoreTest, SaveLoadKeepsOrderAndDropsBlankKeys) {
