@@ -26,13 +26,9 @@ TEST(PasswordMasking, TypePasteDeleteAndMaskCharacters) {
         const char *field, *password, *shown;
     } steps[] = {
         {"abc", "abc", "●●●"},
-        {"●●", "ab", "●●"},            // Backspace
-        {"●●xyz", "abxyz", "●●●●●"},   // a paste appends
-        {"●●●●", "abxy", "●●●●"},      // deleting in the middle cuts from the end
-        {"●●●●●", "abxy", "●●●●"},     // a typed "●" is lost
+        {"●●", "ab", "●●"},  // Backspace; pasting, a lost "●" and deleting in the middle are seen on the screen below
         {"", "", ""},
-        // A character beyond the basic plane (two UTF-16 units) or made of several code points is one
-        // mask, and one Backspace takes all of it.
+        // A character of two UTF-16 units or of several code points is one mask, taken by one Backspace.
         {"a𝄞e\u0301", "a𝄞e\u0301", "●●●"},
         {"●●", "a𝄞", "●●"},
         {"●", "a", "●"},
@@ -67,11 +63,7 @@ protected:
         server.answer("/admin/login", {200, R"({"token":"t-1","username":"admin","role":"admin"})", {}});
         server.answer("/admin/agents", {401, "", {}});
         app = std::make_unique<AppDelegate>();
-        app->workspaceFactory = [this] {
-            workspace = new QWidget;
-            workspace->setObjectName("workspace");
-            return workspace;
-        };
+        app->workspaceFactory = [this] { return workspace = new QWidget; };
         app->disconnectRelay = [this] { ++disconnects; };
         app->applicationDidFinishLaunching();
     }
@@ -96,6 +88,16 @@ TEST_F(LoginScreen, PrefillsDefaultsAndShowsOnlyMasksOfWhatIsTypedOrPasted) {
     EXPECT_EQ(login()->realPassword, "quill_tarn");
     EXPECT_EQ(app->window()->windowTitle(), "Ostvarren  v1.0.0 · #04060750");
     EXPECT_FALSE(app->logoutMenuItem()->isEnabled());
+    // The about panel's tag line fits on one line, and a second "about" brings the same panel forward.
+    app->showAbout();
+    QDialog* about = app->aboutPanel();
+    ASSERT_NE(about, nullptr);
+    auto* credits = about->findChild<QLabel*>("aboutCredits");
+    ASSERT_NE(credits, nullptr);
+    EXPECT_GE(credits->width(), credits->sizeHint().width());
+    app->showAbout();
+    EXPECT_EQ(app->window()->findChildren<QDialog*>("aboutPanel").size(), 1);
+    about->close();
     // The warm-up went out while the screen was shown.
     EXPECT_TRUE(waitUntil([&] { return !server.requests.isEmpty() && server.requests[0].method == "HEAD"; }));
 
@@ -121,6 +123,20 @@ TEST_F(LoginScreen, PrefillsDefaultsAndShowsOnlyMasksOfWhatIsTypedOrPasted) {
     EXPECT_EQ(login()->realPassword, "s3xz");  // a "●" in the pasted text is lost, as when typed
     EXPECT_EQ(login()->passField->text(), "●●●●");
 
+    // The other Edit items act on the focused field too.
+    login()->hostField->setText("10.1.2.3");
+    login()->hostField->setFocus();
+    ASSERT_TRUE(waitUntil([&] { return QApplication::focusWidget() == login()->hostField; }));
+    const auto action = [&](QKeyCombination key) { return shortcutAction(app->window(), QKeySequence(key)); };
+    for (auto key : {Qt::CTRL | Qt::Key_A, Qt::CTRL | Qt::Key_X, Qt::CTRL | Qt::Key_Z})
+        ASSERT_NE(action(key), nullptr) << QKeySequence(key).toString().toStdString();
+    action(Qt::CTRL | Qt::Key_A)->trigger();
+    EXPECT_EQ(login()->hostField->selectedText(), "10.1.2.3");
+    action(Qt::CTRL | Qt::Key_X)->trigger();
+    EXPECT_EQ(login()->hostField->text(), "");
+    action(Qt::CTRL | Qt::Key_Z)->trigger();
+    EXPECT_EQ(login()->hostField->text(), "10.1.2.3");
+
     // A password in the plain settings file moves to the keychain; stored empty, the prefill treats it as absent.
     ServerConfig::setString(SettingsKey::adminPassword, "legacy!");
     EXPECT_EQ(AdminPassword::read(), "legacy!");
@@ -132,14 +148,36 @@ TEST_F(LoginScreen, PrefillsDefaultsAndShowsOnlyMasksOfWhatIsTypedOrPasted) {
     EXPECT_EQ(login()->realPassword, "quill_tarn");
 }
 
-TEST_F(LoginScreen, DoubleReturnSendsOneRequestAndSuccessShowsTheWorkspace) {
+// Blank fields are refused without a request and a refusal keeps the screen; then a double Return signs in
+// once, and logging out or saving the preferences comes back to a fresh login screen.
+TEST_F(LoginScreen, RefusalsKeepTheScreenADoubleReturnSignsInOnceAndSigningOutComesBack) {
+    login()->hostField->setText("   ");
+    login()->onLoginClicked();
+    EXPECT_FALSE(login()->errorLabel->isHidden());
+    EXPECT_EQ(login()->errorLabel->text(), "请填写服务器地址、用户名和密码");
+    login()->hostField->setText("127.0.0.1");
+    login()->realPassword.clear();
+    login()->onLoginClicked();
+    EXPECT_EQ(login()->errorLabel->text(), "请填写服务器地址、用户名和密码");
+    spin(100);
+    EXPECT_EQ(posts(), 0);
+    login()->realPassword = "quill_tarn";
+    server.answer("/admin/login", {200, R"({"error":"invalid credentials"})", {}});
+    login()->onLoginClicked();
+    ASSERT_TRUE(waitUntil([&] { return !login()->isLoading; }));
+    EXPECT_EQ(login()->errorLabel->text(), "用户名或密码错误");
+    EXPECT_TRUE(login()->loginButton->isEnabled());
+    EXPECT_EQ(login()->userField->text(), "admin");
+    EXPECT_EQ(workspace, nullptr);
+
+    server.answer("/admin/login", {200, R"({"token":"t-1","username":"admin","role":"admin"})", {}});
     QTest::keyClick(login()->passField, Qt::Key_Return);
     QTest::keyClick(login()->userField, Qt::Key_Return);
     EXPECT_TRUE(login()->isLoading);
     EXPECT_EQ(login()->loginButton->text(), "登录中…");
     EXPECT_FALSE(login()->hostField->isEnabled());
     ASSERT_TRUE(waitUntil([&] { return workspace != nullptr; }));
-    EXPECT_EQ(posts(), 1);
+    EXPECT_EQ(posts(), 2);
     EXPECT_EQ(app->currentScreen(), workspace);
     EXPECT_TRUE(app->logoutMenuItem()->isEnabled());
     EXPECT_TRUE(AdminAPIClient::shared().hasToken());
@@ -154,91 +192,25 @@ TEST_F(LoginScreen, DoubleReturnSendsOneRequestAndSuccessShowsTheWorkspace) {
     EXPECT_FALSE(AdminAPIClient::shared().hasToken());
     EXPECT_NE(login(), nullptr);
     EXPECT_FALSE(app->logoutMenuItem()->isEnabled());
-}
 
-TEST_F(LoginScreen, BlankFieldsAreRefusedWithoutARequestAndFailuresShowTheServersText) {
-    login()->hostField->setText("   ");
-    login()->onLoginClicked();
-    EXPECT_FALSE(login()->errorLabel->isHidden());
-    EXPECT_EQ(login()->errorLabel->text(), "请填写服务器地址、用户名和密码");
-    login()->hostField->setText("127.0.0.1");
-    const QString password = login()->realPassword;
-    login()->realPassword.clear();
-    login()->onLoginClicked();
-    EXPECT_EQ(login()->errorLabel->text(), "请填写服务器地址、用户名和密码");
-    spin(100);
-    EXPECT_EQ(posts(), 0);
-
-    login()->realPassword = password;
-    server.answer("/admin/login", {200, R"({"error":"invalid credentials"})", {}});
-    login()->onLoginClicked();
-    ASSERT_TRUE(waitUntil([&] { return !login()->isLoading; }));
-    EXPECT_EQ(login()->errorLabel->text(), "用户名或密码错误");
-    EXPECT_TRUE(login()->loginButton->isEnabled());
-    server.answer("/admin/login", {401, R"({"error":"no"})", {}});
-    login()->onLoginClicked();
-    ASSERT_TRUE(waitUntil([&] { return !login()->isLoading; }));
-    EXPECT_EQ(login()->errorLabel->text(), "登录失败 (HTTP 401)");
-    EXPECT_EQ(login()->userField->text(), "admin");
-    EXPECT_EQ(workspace, nullptr);
-}
-
-TEST(AppStart, TheAboutPanelsTagLineFitsOnOneLineAndThePanelIsShownOnlyOnce) {
-    AppDelegate a;
-    a.applicationDidFinishLaunching();
-    a.showAbout();
-    QDialog* panel = a.aboutPanel();
-    ASSERT_NE(panel, nullptr);
-    auto* credits = panel->findChild<QLabel*>("aboutCredits");
-    ASSERT_NE(credits, nullptr);
-    EXPECT_EQ(credits->text(), "远程终端中继 · 多端协同 · 实时接管");
-    EXPECT_GE(credits->width(), credits->sizeHint().width());  // the tag line fits on one line
-    a.showAbout();  // a second time brings the same panel forward
-    EXPECT_EQ(a.aboutPanel(), panel);
-    EXPECT_EQ(a.window()->findChildren<QDialog*>("aboutPanel").size(), 1);
-}
-
-TEST(AppStart, EditItemsActOnTheFocusedFieldAndPreferencesOpenOverAnyScreen) {
-    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("menu") + "/secrets.json");
-    AppDelegate a;
-    a.workspaceFactory = [] { return new QWidget; };
-    a.applicationDidFinishLaunching();
-    const auto action = [&](const QKeySequence& key) { return shortcutAction(a.window(), key); };
-    for (auto key : {QKeySequence(Qt::CTRL | Qt::Key_A), QKeySequence(Qt::CTRL | Qt::Key_X),
-                     QKeySequence(Qt::CTRL | Qt::Key_Z), QKeySequence(Qt::CTRL | Qt::Key_Comma)})
-        ASSERT_NE(action(key), nullptr) << key.toString().toStdString();
-    auto* login = qobject_cast<LoginViewController*>(a.currentScreen());
-    ASSERT_NE(login, nullptr);
-    login->hostField->setText("10.1.2.3");
-    QApplication::setActiveWindow(a.window());
-    login->hostField->setFocus();
-    ASSERT_TRUE(waitUntil([&] { return QApplication::focusWidget() == login->hostField; }));
-    action(QKeySequence(Qt::CTRL | Qt::Key_A))->trigger();
-    EXPECT_EQ(login->hostField->selectedText(), "10.1.2.3");
-    action(QKeySequence(Qt::CTRL | Qt::Key_X))->trigger();
-    EXPECT_EQ(login->hostField->text(), "");
-    action(QKeySequence(Qt::CTRL | Qt::Key_Z))->trigger();
-    EXPECT_EQ(login->hostField->text(), "10.1.2.3");
-
-    // Preferences open as a sheet over the workspace too; saving returns to a fresh login screen after
-    // half a second.
-    a.showMain();
-    QWidget* workspace = a.currentScreen();
-    action(QKeySequence(Qt::CTRL | Qt::Key_Comma))->trigger();
-    auto* sheet = a.window()->findChild<PreferencesViewController*>();
+    // Preferences open as a sheet over the workspace too; saving signs out after half a second.
+    app->showMain();
+    QWidget* shown = app->currentScreen();
+    QAction* prefs = shortcutAction(app->window(), QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    ASSERT_NE(prefs, nullptr);
+    prefs->trigger();
+    auto* sheet = app->window()->findChild<PreferencesViewController*>();
     ASSERT_NE(sheet, nullptr);
     EXPECT_TRUE(sheet->isVisible());
     EXPECT_EQ(sheet->windowModality(), Qt::WindowModal);
-    EXPECT_EQ(sheet->windowTitle(), "偏好设置");
     QElapsedTimer t;
     t.start();
     sheet->onSave();
     spin(300);
-    EXPECT_EQ(a.currentScreen(), workspace);  // not yet
-    ASSERT_TRUE(waitUntil([&] { return a.currentScreen() != workspace; }, 3000));
+    EXPECT_EQ(app->currentScreen(), shown);  // not yet
+    ASSERT_TRUE(waitUntil([&] { return app->currentScreen() != shown; }, 3000));
     EXPECT_GE(t.elapsed(), 450);
-    EXPECT_NE(qobject_cast<LoginViewController*>(a.currentScreen()), nullptr);
-    SecretStore::useFileStoreOnlyForTesting(false);
+    EXPECT_NE(login(), nullptr);
 }
 
 TEST(AppStartDeathTest, ClosingTheMainWindowEndsTheApplication) {

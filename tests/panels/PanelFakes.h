@@ -1,7 +1,6 @@
 #pragma once
 // Stand-ins for the relay link and the agent list used by the panel tests.
 #include <QObject>
-#include <QThread>
 #include <vector>
 
 #include "HostListModel.h"

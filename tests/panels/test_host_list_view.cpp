@@ -34,11 +34,12 @@ struct HostListFixture : ::testing::Test {
         view.resize(260, 400);
         view.show();
     }
-    void poll(const QList<Host>& hosts) {
+    void pollResult(const AgentFetchResult& result) {
         view.fetchAgents();
-        fetch.answer(AgentFetchResult::success(hosts));
+        fetch.answer(result);
         ASSERT_TRUE(test::waitUntil([&] { return !view.model()->isFetching(); }));
     }
+    void poll(const QList<Host>& hosts) { pollResult(AgentFetchResult::success(hosts)); }
     QStringList shownIds() const {
         QStringList out;
         for (int i = 0; i < view.tableView->count(); ++i) out << view.cellAt(i)->host().id;
@@ -60,10 +61,14 @@ struct HostListFixture : ::testing::Test {
 
 }  // namespace
 
-TEST_F(HostListFixture, CellsShowTheSortedHosts) {
-    Host off = makeHost("b", "m2", "");
+// The rows as drawn: offline hosts show no load, a host name titles its row while the system name moves
+// to a caption, and updates reach only their own row.
+TEST_F(HostListFixture, CellsShowTheSortedHostsAHostNameTitlesTheRowAndUpdatesTouchOnlyTheirCell) {
+    Host off = makeHost("b", "m2", "c2");
     off.status = HostStatus::offline;
     off.userCount = 0;
+    off.name = "Linux";
+    off.hostname = "build<box>#2";
     Host on = makeHost("a", "m1", "");
     on.userCount = 2;
     on.memLoad.clear();
@@ -71,10 +76,12 @@ TEST_F(HostListFixture, CellsShowTheSortedHosts) {
 
     ASSERT_EQ(shownIds(), QStringList({"a", "b"}));
     HostCell* first = view.cellAt(0);
+    HostCell* named = view.cellAt(1);
     EXPECT_EQ(first->height(), HostCell::rowHeight);
     EXPECT_EQ(cellTexts(0), QStringList({"host-a", "在线", "2 人", "CPU 12%", ""}));
-    EXPECT_EQ(cellTexts(1), QStringList({"host-b", "离线", "0 人", "", ""}));
+    EXPECT_EQ(cellTexts(1), QStringList({"build<box>#2", "离线", "0 人", "", ""}));
     EXPECT_EQ(first->statusDot->color().rgb(), QColor("#4ec9b0").rgb());
+    EXPECT_EQ(named->statusDot->color().rgb(), QColor("#888888").rgb());
     EXPECT_FALSE(first->osIconView->pixmap().isNull());
     // Inside the list the labels draw with their foreground role, which must carry the theme's colours.
     auto drawn = [](QLabel* l) { return l->palette().color(l->foregroundRole()); };
@@ -82,33 +89,36 @@ TEST_F(HostListFixture, CellsShowTheSortedHosts) {
     EXPECT_EQ(drawn(first->statusLabel), Theme::secondaryLabel());
     EXPECT_EQ(drawn(first->cpuLabel), Theme::secondaryLabel());
 
-    EXPECT_EQ(view.cellAt(1)->statusDot->color().rgb(), QColor("#888888").rgb());
-}
-
-TEST_F(HostListFixture, AHostNameTitlesTheRowAndTheSystemNameStays) {
-    Host named = makeHost("b", "m2", "653525");
-    named.name = "Linux";
-    named.hostname = "build<box>#2";
-    Host plain = makeHost("a", "m1", "560573");
-    poll({named, plain});
-    ASSERT_EQ(shownIds(), QStringList({"a", "b"}));
-
-    HostCell* without = view.cellAt(0);
-    EXPECT_EQ(without->nameLabel->text(), "host-a");
-    EXPECT_FALSE(without->osLabel->isVisibleTo(without));
-
-    HostCell* with = view.cellAt(1);
-    EXPECT_EQ(with->nameLabel->text(), "build<box>#2");
-    EXPECT_TRUE(with->osLabel->isVisibleTo(with));
-    EXPECT_EQ(with->osLabel->text(), "Linux");
+    EXPECT_FALSE(first->osLabel->isVisibleTo(first));
+    EXPECT_TRUE(named->osLabel->isVisibleTo(named));
+    EXPECT_EQ(named->osLabel->text(), "Linux");
     // The tip is the server's text shown as it is, never read as markup.
-    EXPECT_TRUE(with->toolTip().contains("主机名：build&lt;box&gt;#2")) << with->toolTip().toStdString();
-
+    EXPECT_TRUE(named->toolTip().contains("主机名：build&lt;box&gt;#2")) << named->toolTip().toStdString();
     // The name can go away again (an older server): the row is as it was without one.
-    named.hostname.clear();
-    view.updateHost(named);
-    EXPECT_EQ(with->nameLabel->text(), "Linux");
-    EXPECT_FALSE(with->osLabel->isVisibleTo(with));
+    off.hostname.clear();
+    view.updateHost(off);
+    EXPECT_EQ(named->nameLabel->text(), "Linux");
+    EXPECT_FALSE(named->osLabel->isVisibleTo(named));
+
+    // Load figures and a changed record touch only their own cell, which is configured in place.
+    view.updateHostResources("a", "77%", "5%");
+    EXPECT_EQ(cellTexts(0), QStringList({"host-a", "在线", "2 人", "CPU 77%", "MEM 5%"}));
+    EXPECT_EQ(cellTexts(1), QStringList({"Linux", "离线", "0 人", "", ""}));
+    on = view.hosts()[0];
+    on.name = "renamed";
+    on.status = HostStatus::connecting;
+    view.updateHost(on);
+    EXPECT_EQ(view.cellAt(0), first);
+    EXPECT_EQ(cellTexts(0), QStringList({"renamed", "连接中", "2 人", "", ""}));
+    // Unknown hosts and rows change nothing.
+    EXPECT_FALSE(view.model()->updateHost(makeHost("nobody", "m9", "")));
+    EXPECT_FALSE(view.model()->updateHostResources("nobody", "1%", "1%"));
+    EXPECT_EQ(shownIds(), QStringList({"a", "b"}));
+    EXPECT_EQ(view.findHost("c2")->id, "b");
+    EXPECT_FALSE(view.findHost("c9"));
+    view.selectHost(1);
+    view.selectHost(5);
+    EXPECT_TRUE(selectedIds().isEmpty());
 }
 
 TEST_F(HostListFixture, AClickedHostStaysSelectedAcrossPollsAndADoubleClickSelectsThenReports) {
@@ -140,35 +150,22 @@ TEST_F(HostListFixture, AClickedHostStaysSelectedAcrossPollsAndADoubleClickSelec
     EXPECT_EQ(workspace.selected, QStringList({"b", "a"}));
 }
 
-TEST_F(HostListFixture, ResourceUpdatesTouchOnlyTheirCell) {
-    poll({makeHost("a", "m1", "c1"), makeHost("b", "m2", "c2")});
-    HostCell* cellA = view.cellAt(0);
-    view.updateHostResources("b", "77%", "5%");
-    EXPECT_EQ(cellTexts(1), QStringList({"host-b", "在线", "1 人", "CPU 77%", "MEM 5%"}));
-    EXPECT_EQ(cellTexts(0), QStringList({"host-a", "在线", "1 人", "CPU 12%", "MEM 40%"}));
-
-    Host a = view.hosts()[0];
-    a.name = "renamed";
-    a.status = HostStatus::connecting;
-    view.updateHost(a);
-    EXPECT_EQ(view.cellAt(0), cellA);  // same cell, configured in place
-    EXPECT_EQ(cellTexts(0), QStringList({"renamed", "连接中", "1 人", "", ""}));
-
-    // Unknown hosts and rows change nothing.
-    EXPECT_FALSE(view.model()->updateHost(makeHost("nobody", "m9", "")));
-    EXPECT_FALSE(view.model()->updateHostResources("nobody", "1%", "1%"));
-    EXPECT_EQ(shownIds(), QStringList({"a", "b"}));
-    EXPECT_EQ(view.findHost("c2")->id, "b");
-    EXPECT_FALSE(view.findHost("c9"));
-    view.selectHost(1);
-    view.selectHost(5);
-    EXPECT_TRUE(selectedIds().isEmpty());
-}
-
-TEST_F(HostListFixture, UnauthorizedGoesBackToLoginAndAddAsksTheWorkspaceWhileThereIsOne) {
-    view.fetchAgents();
-    fetch.answer(AgentFetchResult::failure(AdminAPIError::unauthorized()));
-    ASSERT_TRUE(test::waitUntil([&] { return workspace.loginRequests == 1; }));
+// A failed poll keeps the rows; only a rejected session sends the user back to the login screen.
+TEST_F(HostListFixture, FailuresKeepTheRowsUnauthorizedGoesBackToLoginAndAddAsksTheWorkspaceWhileThereIsOne) {
+    test::StdoutCapture log;
+    Host h = makeHost("agent-7", "m7", "");
+    h.userCount = 3;
+    poll({h, makeHost("2", "m2", "")});
+    pollResult(AgentFetchResult::failure(AdminAPIError::transport(1, "Connection refused")));
+    EXPECT_EQ(view.hosts().size(), 2);
+    EXPECT_EQ(workspace.loginRequests, 0);
+    pollResult(AgentFetchResult::failure(AdminAPIError::unauthorized()));
+    EXPECT_EQ(workspace.loginRequests, 1);
+    EXPECT_EQ(view.hosts().size(), 2);
+    const std::string text = log.text();
+    EXPECT_NE(text.find("[Info] fetchAgents: id=agent-7 cpu=12% mem=40% users=3\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("[Error] Admin API: Connection refused\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("[Error] Admin API: Unauthorized (wrong password?)\n"), std::string::npos) << text;
     QTest::mouseClick(view.addButton, Qt::LeftButton);
     EXPECT_EQ(workspace.addRequests, 1);
 
@@ -176,8 +173,6 @@ TEST_F(HostListFixture, UnauthorizedGoesBackToLoginAndAddAsksTheWorkspaceWhileTh
     auto* gone = new FakeWorkspace;
     view.setDelegate(gone);
     delete gone;
-    view.fetchAgents();
-    fetch.answer(AgentFetchResult::failure(AdminAPIError::unauthorized()));
-    EXPECT_TRUE(test::waitUntil([&] { return !view.model()->isFetching(); }));
+    pollResult(AgentFetchResult::failure(AdminAPIError::unauthorized()));
     view.onAddClick();
 }
