@@ -38,7 +38,10 @@ public:
 
     bool create(int leaves, QString* error) {
         ip_ = QStandardPaths::findExecutable(QStringLiteral("ip"), {"/usr/sbin", "/sbin", "/usr/bin", "/bin"});
-        if (ip_.isEmpty()) return fail(error, QStringLiteral("no ip command"));
+        if (ip_.isEmpty()) {
+            *error = QStringLiteral("no ip command");
+            return false;
+        }
         removeLeftovers();
         for (int i = 0; i <= leaves; ++i) {
             const QString n = name(i);
@@ -87,16 +90,12 @@ public:
     }
 
 private:
-    static bool fail(QString* error, const QString& why) {
-        if (error) *error = why;
-        return false;
-    }
     bool ip(const QStringList& args, QString* error = nullptr) {
         QProcess p;
         p.setProcessChannelMode(QProcess::MergedChannels);
         p.start(ip_, args);
         const bool ok = p.waitForFinished(10000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
-        if (!ok) fail(error, "ip " + args.join(' ') + ": " + QString::fromLocal8Bit(p.readAll()).trimmed());
+        if (!ok && error) *error = "ip " + args.join(' ') + ": " + QString::fromLocal8Bit(p.readAll()).trimmed();
         return ok;
     }
 
