@@ -1,6 +1,7 @@
 // The relay and agent logic driven in-process through fake controller links, with real shells.
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <chrono>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -388,35 +389,29 @@ TEST_F(RelayTest, DirectoryListingsInOrderOffTheLoopCappedInEntriesAndTime) {
         return r ? r.value() : FSResultEnvelope{};
     };
 
-    FSResultEnvelope top = ask(".");
-    EXPECT_TRUE(top.success);
-    EXPECT_EQ(top.op, "list");
-    EXPECT_EQ(top.path, ".");
-    ASSERT_TRUE(top.data.has_value());
+    auto entry = [&](const QString& path, const char* type, bool link = false) {
+        return FSFileInfo{QFileInfo(path).fileName().toStdString(), h.filePath(path).toStdString(), type, link};
+    };
     // Visible folders, then hidden ones, then files the same way; a link to a folder is a marked folder.
-    std::vector<std::tuple<std::string, std::string, bool>> entries;
-    for (const auto& e : *top.data) entries.emplace_back(e.name, e.fileType, e.isSymlink);
-    EXPECT_EQ(entries, (decltype(entries){{"Alpha", "directory", false}, {"beta", "directory", false},
-                                          {"link-to-beta", "directory", true}, {".cache", "directory", false},
-                                          {"zeta.txt", "file", false}, {".bashrc", "file", false}}));
-    EXPECT_EQ((*top.data)[1].path, h.filePath("beta").toStdString());
-
-    FSResultEnvelope sub = ask("~/beta");
-    EXPECT_TRUE(sub.success);
-    EXPECT_EQ(sub.path, "~/beta") << "the path comes back as asked";
-    ASSERT_TRUE(sub.data && sub.data->size() == 1);
-    EXPECT_EQ((*sub.data)[0].path, h.filePath("beta/inner").toStdString());
-    FSResultEnvelope abs = ask(h.filePath("beta/inner").toStdString());
-    EXPECT_TRUE(abs.success);
-    EXPECT_TRUE(abs.data && abs.data->empty());
-
-    FSResultEnvelope missing = ask("~/nowhere");
-    EXPECT_FALSE(missing.success);
-    EXPECT_EQ(missing.path, "~/nowhere");
-    EXPECT_FALSE(ask(h.filePath("zeta.txt").toStdString()).success) << "a file is no folder";
-    FSResultEnvelope otherOp = ask(".", "delete");
-    EXPECT_FALSE(otherOp.success);
-    EXPECT_EQ(otherOp.op, "delete");
+    const std::vector<FSFileInfo> top = {entry("Alpha", "directory"), entry("beta", "directory"),
+                                         entry("link-to-beta", "directory", true), entry(".cache", "directory"),
+                                         entry("zeta.txt", "file"), entry(".bashrc", "file")};
+    // The path asked (it comes back as asked), the operation, the entries (none: the listing fails).
+    const std::tuple<std::string, std::string, std::optional<std::vector<FSFileInfo>>> asks[] = {
+        {".", "list", top},
+        {"~/beta", "list", std::vector{entry("beta/inner", "directory")}},
+        {h.filePath("beta/inner").toStdString(), "list", std::vector<FSFileInfo>{}},
+        {"~/nowhere", "list", std::nullopt},
+        {h.filePath("zeta.txt").toStdString(), "list", std::nullopt},  // a file is no folder
+        {".", "delete", std::nullopt},                                  // only listings are done
+    };
+    for (const auto& [path, op, entries] : asks) {
+        const FSResultEnvelope r = ask(path, op);
+        EXPECT_EQ(r.success, entries.has_value()) << path;
+        EXPECT_EQ(r.path, path);
+        EXPECT_EQ(r.op, op);
+        EXPECT_EQ(r.success ? r.data : std::nullopt, entries) << path;
+    }
     EXPECT_TRUE(QDir(home).exists("beta"));
 
     // A folder beyond the entry cap and one on a file system that does not answer: the link is served

@@ -193,17 +193,14 @@ TEST(AgentClient, RetryDelayDoublesFromOneSecondToThirtyWithJitter) {
 // Who may start, with which password, on loopback and beyond it.
 TEST(ServerOptions, PasswordAndRootRulesBeyondLoopback) {
     const QString dir = ostv::test::makeTempDir();
-    auto writeFile = [&](const char* name, const QByteArray& text, mode_t mode) {
-        const QString path = dir + "/" + name;
-        QFile f(path);
-        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(text);
-        f.close();
-        ::chmod(QFile::encodeName(path).constData(), mode);
-        return path;
+    auto writeFile = [&](const char* name, const QByteArray& text, QFile::Permissions mode) {
+        QFile f(dir + "/" + name);
+        EXPECT_TRUE(f.open(QIODevice::WriteOnly) && f.write(text) == text.size() && f.setPermissions(mode));
+        return f.fileName();
     };
-    const QString good = writeFile("good", "from-file-pw\nsecond line\n", 0600);
-    const QString open = writeFile("open", "from-file-pw\n", 0644);
+    const QFile::Permissions mine = QFile::ReadOwner | QFile::WriteOwner;
+    const QString good = writeFile("good", "from-file-pw\nsecond line\n", mine);
+    const QString open = writeFile("open", "from-file-pw\n", mine | QFile::ReadGroup | QFile::ReadOther);
     struct Case {
         QStringList args;
         bool root;
