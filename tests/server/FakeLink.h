@@ -7,7 +7,6 @@
 #include <QPointer>
 #include <QTimer>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,17 +36,6 @@ struct Wire {
             if (d && (type.empty() || d->type == type)) out.push_back(d.value());
         }
         return out;
-    }
-    std::optional<Message> waitFor(const std::string& type, size_t from = 0, int ms = 5000) const {
-        std::optional<Message> found;
-        ostv::test::waitUntil(
-            [&] {
-                auto r = received(type, from);
-                if (!r.empty()) found = r.front();
-                return found.has_value();
-            },
-            ms);
-        return found;
     }
     // All shell output of one pty received from index `from` on, decoded.
     std::string output(int64_t ptyId, size_t from = 0) const {

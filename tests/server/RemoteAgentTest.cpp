@@ -15,7 +15,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,7 +38,10 @@ public:
 
     bool create(int leaves, QString* error) {
         ip_ = QStandardPaths::findExecutable(QStringLiteral("ip"), {"/usr/sbin", "/sbin", "/usr/bin", "/bin"});
-        if (ip_.isEmpty()) return fail(error, QStringLiteral("no ip command"));
+        if (ip_.isEmpty()) {
+            *error = QStringLiteral("no ip command");
+            return false;
+        }
         removeLeftovers();
         for (int i = 0; i <= leaves; ++i) {
             const QString n = name(i);
@@ -88,16 +90,12 @@ public:
     }
 
 private:
-    static bool fail(QString* error, const QString& why) {
-        if (error) *error = why;
-        return false;
-    }
     bool ip(const QStringList& args, QString* error = nullptr) {
         QProcess p;
         p.setProcessChannelMode(QProcess::MergedChannels);
         p.start(ip_, args);
         const bool ok = p.waitForFinished(10000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
-        if (!ok) fail(error, "ip " + args.join(' ') + ": " + QString::fromLocal8Bit(p.readAll()).trimmed());
+        if (!ok && error) *error = "ip " + args.join(' ') + ": " + QString::fromLocal8Bit(p.readAll()).trimmed();
         return ok;
     }
 
@@ -113,22 +111,22 @@ protected:
         if (!stacks.create(4, &error)) GTEST_SKIP() << "network namespaces refused: " << error.toStdString();
         ASSERT_TRUE(stacks.enter(1));
         secretFile = dir.filePath("relay/agent-secret");
-        relay = std::make_unique<LocalServer>(QStringList{"--agents", "0", "--bind", "0.0.0.0", "--user", "admin",
-                                                          "--password", "pw", "--agent-secret-file", secretFile});
+        relay = std::make_unique<LocalServer>(QStringList{"--agents", "0", "--bind", "0.0.0.0", "--agent-secret-file", secretFile});
         relay->setLauncher(stacks.launcher(0));
         ASSERT_TRUE(relay->start()) << relay->errorString().toStdString();
         EXPECT_TRUE(relay->waitForOutput("agent secret made in " + secretFile.toStdString(), 100));
-        struct stat st {};
-        ASSERT_EQ(::stat(QFile::encodeName(secretFile).constData(), &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0600u);
         adminUrl = QStringLiteral("http://%1:%2").arg(NetworkStacks::relayAddress(1)).arg(relay->adminPort());
         login();
-        ASSERT_FALSE(token.isEmpty());
     }
 
+    // Beyond loopback and given no password, the relay makes one for each run and says it.
     void login() {
-        const HttpAnswer a = http("POST", adminUrl + "/admin/login", R"({"username":"admin","password":"pw"})");
+        const QString out = QString::fromStdString(relay->output());
+        const QString password = out.mid(out.lastIndexOf("admin password ") + 15).section(' ', 0, 0);
+        ASSERT_TRUE(QRegularExpression("^[A-Za-z0-9]{20}$").match(password).hasMatch()) << out.toStdString();
+        const HttpAnswer a = http("POST", adminUrl + "/admin/login", R"({"username":"admin","password":")" + password.toUtf8() + "\"}");
         token = a.json()["token"].toString().toUtf8();
+        ASSERT_FALSE(token.isEmpty()) << a.body.toStdString();
     }
 
     // An agent program in namespace `ns` under machine id `id`, its state in its own folder.
@@ -176,7 +174,7 @@ protected:
 
 TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
     auto a1 = agent(2, "m-one", secretFile);
-    auto a2 = agent(3, "m-two", secretFile, {"--code", "424242", "--limit", "1"});
+    auto a2 = agent(3, "m-two", secretFile, {"--code", "424242", "--limit", "1", "--name", "lab two"});
     ASSERT_TRUE(a1->start()) << a1->errorString().toStdString();
     ASSERT_TRUE(a2->start()) << a2->errorString().toStdString();
     ASSERT_TRUE(a1->waitForOutput("registered with the relay", 10000)) << a1->output();
@@ -188,6 +186,7 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
     EXPECT_EQ(rows("m-two")[0]["code"].toString(), "424242");
     EXPECT_EQ(rows("m-two")[0]["os"].toString(), "linux");
     EXPECT_EQ(rows("m-one")[0]["hostname"].toString(), QHostInfo::localHostName()) << "the machine's own name";
+    EXPECT_EQ(rows("m-two")[0]["hostname"].toString(), "lab two") << "or the one it was given";
 
     // Paired by code like a built-in agent (its shells are worked in the next case); it takes one
     // controller, so another one takes that seat over, and its shell with it.
@@ -198,15 +197,10 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
     EXPECT_TRUE(waitListed("m-two", 1, 5000));
     auto taker = std::make_unique<Controller>(NetworkStacks::relayAddress(1), relay->quicPort(), a2->code());
     ASSERT_TRUE(taker->connect());
-    Message pair("pair");
-    pair.code = a2->code().toStdString();
-    pair.nickname = "taker";
-    taker->send(pair);
+    taker->send(pairing(a2->code().toStdString(), "taker"));
     auto list = taker->waitFor("controller_list");
     ASSERT_TRUE(list && list->controllers && list->controllers->size() == 1u);
-    Message take("takeover");
-    take.targetControllerId = list->controllers->front().id;
-    taker->send(take);
+    taker->send(takeover(list->controllers->front().id));
     ASSERT_TRUE(taker->waitFor("paired"));
     EXPECT_TRUE(first->waitFor("kicked"));
     EXPECT_TRUE(first->waitClosedByServer(5000));
@@ -235,6 +229,19 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
     }
     EXPECT_EQ(listed().size(), 2);
     EXPECT_EQ(rows("m-two")[0]["controller_count"].toInt(), 1) << "the refused one did not disturb the holder";
+
+    // A server that would give shells as root on an address beyond loopback (here the relay's side of a
+    // link) refuses in one line without --allow-root.
+    if (::geteuid() != 0) GTEST_SKIP() << "not root: the refusal for root cannot be shown";
+    QProcess root;
+    root.setProcessChannelMode(QProcess::MergedChannels);
+    root.start(stacks.launcher(0)[0], stacks.launcher(0).mid(1) + QStringList{qEnvironmentVariable("OSTV_SERVER_BIN"),
+                                      "--bind", NetworkStacks::relayAddress(4), "--quic-port", "0", "--admin-port", "0"});
+    ASSERT_TRUE(root.waitForFinished(15000)) << "it started";
+    const QByteArray out = root.readAll().trimmed();
+    EXPECT_EQ(root.exitCode(), 1);
+    EXPECT_FALSE(out.contains('\n')) << out.toStdString();
+    EXPECT_TRUE(out.contains("root") && out.contains("--allow-root")) << out.toStdString();
 }
 
 TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
@@ -277,8 +284,6 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     for (Seat& s : seats) {
         const auto ptys = s.c->listPtys();
         EXPECT_EQ(ptys.size(), s.client == "c3" ? 1u : 2u) << s.client;
-        s.c->send(create(1, s.client));  // refused: the client's shell 1 is running
-        EXPECT_TRUE(s.c->waitFor("PTY_ERROR")) << s.client;
         const size_t from = s.c->mark();
         s.c->send(input(1, "echo back-$MARK\n"));
         EXPECT_TRUE(s.c->waitOutput(1, "back-" + s.client + "-kept", from)) << s.client;
@@ -332,27 +337,14 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     EXPECT_TRUE(again->listPtys().empty());
     EXPECT_EQ(listed().size(), 2);
 
-    // The first agent is stopped with SIGTERM: it hangs up its shells (none is left), its controllers
-    // are told and let go, and it is not listed while down. Started again, under a name of its own
-    // this time, it is back under the same code with that name.
-    const QString code1 = a1->code();
-    const size_t marks[] = {seats[0].c->mark(), seats[1].c->mark()};
+    // The first agent is stopped with SIGTERM: it hangs up its shells (none is left), and it is not
+    // listed while down (its controllers go as the second agent's did).
     const int status = a1->stop();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     for (long pid : shellPids)
         EXPECT_TRUE(waitUntil([&] { return !processRunning(pid); }, 3000)) << "shell " << pid << " left";
     EXPECT_TRUE(waitUntil([&] { return rows("m-one").empty(); }, 5000));
     EXPECT_EQ(listed().size(), 1);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(seats[i].c->waitFor("error", marks[i])) << seats[i].client;
-        EXPECT_TRUE(seats[i].c->waitClosedByServer(5000)) << seats[i].client;
-    }
-    auto renamed = agent(2, "m-one", secretFile, {"--name", "lab one"});
-    ASSERT_TRUE(renamed->start()) << renamed->errorString().toStdString();
-    EXPECT_EQ(renamed->code(), code1);
-    ASSERT_TRUE(waitListed("m-one", 0, 10000));
-    EXPECT_EQ(rows("m-one")[0]["code"].toString(), code1);
-    EXPECT_EQ(rows("m-one")[0]["hostname"].toString(), "lab one");
 }
 
 }  // namespace

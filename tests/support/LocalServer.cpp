@@ -132,33 +132,24 @@ bool LocalServer::start(int timeoutMs) {
     reader_ = std::thread([this, fd = fds[0]] { readerLoop(fd); });
 
     std::unique_lock lock(mutex_);
-    bool ok = cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return ready_ || eof_; }) && ready_;
-    if (ok) {
-        if (!started_ && program_ == Program::agent) {
-            restartArgs_ = args_;
-            started_ = true;
-        } else if (!started_) {
-            // Later starts come back on the same ports with the same codes.
-            restartArgs_ = args_;
-            auto drop = [&](const QString& name) {
+    const bool ok = cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return ready_ || eof_; }) && ready_;
+    if (ok && !started_) {
+        // Later starts come back on the same ports with the same codes (an agent keeps its code itself).
+        restartArgs_ = args_;
+        if (program_ == Program::server) {
+            for (const QString name : {"--quic-port", "--admin-port", "--code"}) {
                 for (int i = 0; i < restartArgs_.size();) {
-                    if (restartArgs_[i] == name && i + 1 < restartArgs_.size())
-                        restartArgs_.remove(i, 2);
-                    else if (restartArgs_[i].startsWith(name + "="))
-                        restartArgs_.remove(i);
-                    else
-                        ++i;
+                    if (restartArgs_[i] == name && i + 1 < restartArgs_.size()) restartArgs_.remove(i, 2);
+                    else if (restartArgs_[i].startsWith(name + "=")) restartArgs_.remove(i);
+                    else ++i;
                 }
-            };
-            drop("--quic-port");
-            drop("--admin-port");
-            drop("--code");
+            }
             restartArgs_ << "--quic-port" << QString::number(quicPort_) << "--admin-port" << QString::number(adminPort_);
             for (const Agent& a : agents_) restartArgs_ << "--code" << a.code;
-            started_ = true;
         }
-        return true;
+        started_ = true;
     }
+    if (ok) return true;
     std::string tail = output_.size() > 4000 ? output_.substr(output_.size() - 4000) : output_;
     const bool ended = eof_;
     lock.unlock();
@@ -181,21 +172,15 @@ int LocalServer::stop(int timeoutMs) {
     }
     ::kill(pid_, SIGTERM);
     int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    bool reaped = false;
-    while (!reaped) {
-        pid_t r = ::waitpid(pid_, &status, WNOHANG);
-        if (r == pid_ || (r < 0 && errno != EINTR)) {
-            reaped = true;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (pid_t r; (r = ::waitpid(pid_, &status, WNOHANG)) == 0 || (r < 0 && errno == EINTR);) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, &status, 0);
+            status = -2;
             break;
         }
-        if (std::chrono::steady_clock::now() >= deadline) break;
         ::usleep(10 * 1000);
-    }
-    if (!reaped) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
-        status = -2;
     }
     pid_ = -1;
     joinReader();
@@ -254,7 +239,6 @@ void LocalServer::parseLine(const std::string& line) {
         if (host_.isEmpty()) host_ = w[2].left(colon).remove('[').remove(']');
     } else if (w.size() >= 4 && w[0] == "agent" && w[2] == "code") {
         Agent a;
-        a.index = w[1].toInt();
         a.code = w[3];
         for (int i = 4; i + 1 < w.size(); i += 2) {
             if (w[i] == "machine_id") a.machineId = w[i + 1];

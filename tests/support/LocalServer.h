@@ -20,7 +20,6 @@ namespace ostv::test {
 class LocalServer {
 public:
     struct Agent {
-        int index = 0;
         QString code;
         QString machineId;
         QString os;

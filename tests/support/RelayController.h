@@ -110,12 +110,7 @@ public:
     // Pairs and answers the controller id (empty when not paired).
     std::string pair(const std::string& code, const std::string& nickname) {
         const size_t from = mark();
-        Message m("pair");
-        m.code = code;
-        m.nickname = nickname;
-        m.protoVer = "2.0.0";
-        m.appVer = "2.1.0";
-        send(m);
+        send(pairing(code, nickname));
         auto paired = waitFor("paired", from);
         return paired ? paired->id.value_or("") : std::string();
     }
