@@ -52,7 +52,7 @@ TEST_F(FileStore, AddNeverOverwritesTheFileIsPrivateAndACorruptOneIsRepaired) {
     EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("y"));
 }
 
-TEST_F(FileStore, ClientIdIsCreatedOnceAndReadBackLater) {
+TEST_F(FileStore, ClientIdIsCreatedOnceAndANonUtf8OneReadsAsNone) {
     EXPECT_FALSE(ClientIdentity::read().has_value());
     const QString id = ClientIdentity::getOrCreate();
     EXPECT_TRUE(kCanonical.match(id).hasMatch()) << id.toStdString();  // upper case, canonical
@@ -60,9 +60,9 @@ TEST_F(FileStore, ClientIdIsCreatedOnceAndReadBackLater) {
     EXPECT_EQ(ClientIdentity::getOrCreate(), id);
     ClientIdentity::save("SOMETHING-ELSE");  // never overwrites
     EXPECT_EQ(ClientIdentity::read(), id);
-}
 
-TEST_F(FileStore, NonUtf8ValueReadsAsNoneAndEveryCreationMakesAnotherId) {
+    // A stored value that is not UTF-8 reads as none, and every creation then makes another id.
+    ASSERT_TRUE(SecretStore::remove(ClientIdentity::service, ClientIdentity::account));
     ASSERT_TRUE(SecretStore::add(ClientIdentity::service, ClientIdentity::account, QByteArray("\xff\xfe\xfd", 3)));
     EXPECT_FALSE(ClientIdentity::read().has_value());
     EXPECT_NE(ClientIdentity::getOrCreate(), ClientIdentity::getOrCreate());  // the add fails each time: nothing sticks
