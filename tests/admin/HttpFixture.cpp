@@ -8,8 +8,6 @@
 
 namespace ostv::test {
 
-CannedHttpServer::CannedHttpServer(QObject* parent) : QTcpServer(parent) {}
-
 bool CannedHttpServer::start(std::optional<QPair<QSslCertificate, QSslKey>> tls) {
     tls_ = std::move(tls);
     return listen(QHostAddress::LocalHost, 0);

@@ -29,7 +29,6 @@ struct SeenRequest {
 class CannedHttpServer : public QTcpServer {
     Q_OBJECT
 public:
-    explicit CannedHttpServer(QObject* parent = nullptr);
     // Listens on 127.0.0.1 (any free port); with a certificate and key the connections use TLS.
     bool start(std::optional<QPair<QSslCertificate, QSslKey>> tls = std::nullopt);
 

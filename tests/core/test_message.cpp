@@ -6,7 +6,9 @@
 using namespace ostv;
 using nlohmann::json;
 
-TEST(MessageEncode, AbsentFieldsOmittedPresentOnesSnakeCaseOnOneLine) {
+// Absent fields are left out, present ones written in snake case on one line; every field survives a
+// round trip; a latency ping carries only an integer millisecond timestamp.
+TEST(MessageEncode, AbsentFieldsOmittedEveryFieldRoundTripsAndPingsCarryATimestamp) {
     EXPECT_EQ(Message("LIST_PTY").encode(), R"({"type":"LIST_PTY"})");
     Message m("CREATE_PTY");
     m.ptyId = 3;
@@ -20,24 +22,30 @@ TEST(MessageEncode, AbsentFieldsOmittedPresentOnesSnakeCaseOnOneLine) {
     const json j = json::parse(wire);
     EXPECT_EQ(j.size(), 7u);
     EXPECT_EQ(j["pty_id"], 3);
-    EXPECT_EQ(j["client_id"], "ABC");
-    for (auto& [k, v] : j.items()) EXPECT_FALSE(v.is_null()) << k;
+    EXPECT_EQ(j["client_id"], "ABC");  // seven keys for six fields and the type: none written as null
     EXPECT_EQ(Message::decode(wire).value().command, m.command);
     m.data = std::string("ok\xff\xfe", 4);  // invalid UTF-8 is replaced, not thrown
     ASSERT_NO_THROW(EXPECT_TRUE(Message::decode(m.encode()).ok()));
-}
 
-TEST(MessageRoundTrip, EveryFieldSurvives) {
-    Message m("kitchen_sink");
-    m.code = "123456"; m.data = "ZGF0YQ=="; m.msg = "m"; m.cols = 120; m.rows = 40; m.ts = 1700000000123;
-    m.protoVer = "2.0.0"; m.appVer = "2.1.0"; m.nickname = "张三"; m.id = "c1"; m.limit = 8; m.current = 7;
-    m.controllers = std::vector<ControllerInfo>{{"a", "n", "/x", "pty-1"}, {"b", "m", "/y", std::nullopt}};
-    m.targetControllerId = "a"; m.reason = "r"; m.by = "b"; m.controllerId = "c"; m.ptyId = -7; m.op = "list";
-    m.path = "."; m.command = "ls"; m.homeDir = "/home/u"; m.os = "linux"; m.cpu = 12.5; m.mem = 0;
-    m.cwd = "~"; m.machineId = "mid"; m.clientId = "cid";
-    auto back = Message::decode(m.encode());
+    Message all("kitchen_sink");
+    all.code = "123456"; all.data = "ZGF0YQ=="; all.msg = "m"; all.cols = 120; all.rows = 40; all.ts = 1700000000123;
+    all.protoVer = "2.0.0"; all.appVer = "2.1.0"; all.nickname = "张三"; all.id = "c1"; all.limit = 8; all.current = 7;
+    all.controllers = std::vector<ControllerInfo>{{"a", "n", "/x", "pty-1"}, {"b", "m", "/y", std::nullopt}};
+    all.targetControllerId = "a"; all.reason = "r"; all.by = "b"; all.controllerId = "c"; all.ptyId = -7; all.op = "list";
+    all.path = "."; all.command = "ls"; all.homeDir = "/home/u"; all.os = "linux"; all.cpu = 12.5; all.mem = 0;
+    all.cwd = "~"; all.machineId = "mid"; all.clientId = "cid";
+    auto back = Message::decode(all.encode());
     ASSERT_TRUE(back.ok()) << back.error();
-    EXPECT_EQ(back.value(), m);
+    EXPECT_EQ(back.value(), all);
+
+    const auto before = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::system_clock::now().time_since_epoch()).count();
+    const json ping = json::parse(Message::latencyPing().encode());
+    EXPECT_EQ(ping.size(), 2u);
+    EXPECT_EQ(ping["type"], "latency_ping");
+    ASSERT_TRUE(ping["ts"].is_number_integer());
+    EXPECT_GE(ping["ts"].get<int64_t>(), before);
+    EXPECT_LE(ping["ts"].get<int64_t>(), before + 5000);
 }
 
 // Strict types fail the whole line, on the plain path and on the faster one for long string values.
@@ -111,20 +119,9 @@ TEST(MessageDecode, LongValuesDecodeExactlyLikeShortOnes) {
     EXPECT_EQ(Message::decode(cases[5])->data, std::string("\x01\x02#0"));
 }
 
-TEST(LatencyPing, CarriesAnIntegerMillisecondTimestampOnly) {
-    const auto before = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::system_clock::now().time_since_epoch()).count();
-    const json j = json::parse(Message::latencyPing().encode());
-    EXPECT_EQ(j.size(), 2u);
-    EXPECT_EQ(j["type"], "latency_ping");
-    ASSERT_TRUE(j["ts"].is_number_integer());
-    EXPECT_GE(j["ts"].get<int64_t>(), before);
-    EXPECT_LE(j["ts"].get<int64_t>(), before + 5000);
-}
-
-TEST(PtyList, ItemsBecomePtyInfosInOrderAndAnyBrokenItemFailsTheWhole) {
-    EXPECT_EQ(MessageTypeSniff::decode(R"({"type":"PTY_LIST","ptys":"garbage"})").value().type, "PTY_LIST");
-    EXPECT_FALSE(MessageTypeSniff::decode(R"({"ptys":[]})").ok());
+// The envelopes with shapes of their own (a received line is parsed once, sniffed for its type and
+// taken as one of them: the connection manager's tests go through that with every kind of line).
+TEST(Envelopes, PtyListsAndFolderListingsNeedEveryRequiredField) {
     auto d = PtyListEnvelope::decode(
         R"({"type":"PTY_LIST","ptys":[{"pty_id":2,"cwd":"/a","state":"running","controller_id":"c","client_id":"X"},)"
         R"({"pty_id":1,"cwd":"/b","state":"exited","controller_id":"d"}]})");
@@ -138,9 +135,7 @@ TEST(PtyList, ItemsBecomePtyInfosInOrderAndAnyBrokenItemFailsTheWhole) {
                             R"({"type":"PTY_LIST","ptys":[{"pty_id":1,"cwd":"/","controller_id":"c"}]})",
                             R"({"type":"PTY_LIST","ptys":[{"pty_id":"1","cwd":"/","state":"running","controller_id":"c"}]})"})
         EXPECT_FALSE(PtyListEnvelope::decode(bad).ok()) << bad;
-}
 
-TEST(FsResult, DecodesEntriesAndRoundTripsAndNeedsEveryRequiredField) {
     FSResultEnvelope e{"fs_result", "list", std::string("/home"), true,
                        std::vector<FSFileInfo>{{"a", "/home/a", "directory", false}, {"l", "/home/l", "file", true}}};
     auto back = FSResultEnvelope::decode(e.encode());
@@ -154,17 +149,4 @@ TEST(FsResult, DecodesEntriesAndRoundTripsAndNeedsEveryRequiredField) {
     for (const char* bad : {R"({"type":"fs_result","op":"list","success":true,"data":[{"name":"a","path":"/a","type":"file"}]})",
                             R"({"type":"fs_result","op":"list"})", R"({"type":"fs_result","op":"list","success":"true"})"})
         EXPECT_FALSE(FSResultEnvelope::decode(bad).ok()) << bad;
-}
-
-TEST(ReceivedLine, ParsesOnceAndDecodesEachShape) {
-    auto line = ReceivedLine::parse(R"({"type":"PTY_LIST","ptys":[{"pty_id":1,"cwd":"/","state":"running","controller_id":"c"}]})");
-    ASSERT_TRUE(line.ok());
-    EXPECT_EQ(line.value().sniff().value().type, "PTY_LIST");
-    auto list = line.value().takePtyList();
-    ASSERT_TRUE(list.ok()) << list.error();
-    EXPECT_EQ(list->ptys.size(), 1u);
-    EXPECT_FALSE(ReceivedLine::parse("{garbage").ok());
-    auto noType = ReceivedLine::parse(R"({"x":1})");
-    ASSERT_TRUE(noType.ok());
-    EXPECT_FALSE(noType.value().sniff().ok());
 }

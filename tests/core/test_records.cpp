@@ -14,7 +14,7 @@ TEST(HostStatus, RawTextsRoundTripAndNothingElseIsAccepted) {
     for (const char* other : {"online", " 在线", ""}) EXPECT_FALSE(hostStatusFromRaw(other).has_value()) << other;
 }
 
-TEST(DirectoryItem, FromFileInfoIsCaseSensitiveAndFresh) {
+TEST(DirectoryItem, FromFileInfoIsCaseSensitiveAndFreshAndJsonKeepsNotLoadedApart) {
     FSFileInfo dir{"src", "/p/src", "directory", true};
     auto a = DirectoryItem::fromFileInfo(dir);
     EXPECT_TRUE(a.isDirectory);
@@ -23,9 +23,8 @@ TEST(DirectoryItem, FromFileInfoIsCaseSensitiveAndFresh) {
     EXPECT_FALSE(a.children.has_value());
     EXPECT_FALSE(a.isExpanded);
     EXPECT_EQ(a.path, QStringLiteral("/p/src"));
-}
 
-TEST(DirectoryItem, JsonRoundTripKeepsNotLoadedApartFromLoadedAndEmpty) {
+    // The JSON form keeps "not loaded" apart from "loaded and empty".
     DirectoryItem root = DirectoryItem::fromFileInfo({"r", "/r", "directory", false});
     DirectoryItem empty = DirectoryItem::fromFileInfo({"e", "/r/e", "directory", false});
     empty.children = QList<DirectoryItem>{};

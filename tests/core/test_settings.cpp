@@ -5,15 +5,11 @@
 
 using namespace ostv;
 
-class Settings : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ServerConfig::defaults().clear();
-        ServerConfig::defaults().sync();
-    }
-};
-
-TEST_F(Settings, DefaultsStandInForAbsentZeroNegativeOrMisshapenValues) {
+// Defaults stand in for absent, zero, negative or misshapen values; stored values are used as they
+// are; reads see at once what another handle on the same store wrote.
+TEST(Settings, DefaultsStoredValuesAndWritesThroughAnotherHandle) {
+    ServerConfig::defaults().clear();
+    ServerConfig::defaults().sync();
     EXPECT_EQ(ServerConfig::serverHost(), QStringLiteral("127.0.0.1"));
     EXPECT_EQ(ServerConfig::adminBaseURL(), QStringLiteral("http://127.0.0.1:8080"));
     EXPECT_FALSE(ServerConfig::string(SettingsKey::lastPairCode).has_value());
@@ -28,9 +24,7 @@ TEST_F(Settings, DefaultsStandInForAbsentZeroNegativeOrMisshapenValues) {
     ServerConfig::defaults().setValue(SettingsKey::confirmedMachines, 42);
     EXPECT_EQ(ServerConfig::serverHost(), QStringLiteral("127.0.0.1"));
     EXPECT_FALSE(ServerConfig::stringList(SettingsKey::confirmedMachines).has_value());
-}
 
-TEST_F(Settings, StoredValuesAreUsedAsTheyAre) {
     ServerConfig::setInteger(SettingsKey::serverQuicPort, 70000);  // not rejected here; the connect step decides
     ServerConfig::setInteger(SettingsKey::adminServerPort, 18080);
     EXPECT_EQ(ServerConfig::quicPort(), 70000);
@@ -43,9 +37,7 @@ TEST_F(Settings, StoredValuesAreUsedAsTheyAre) {
     ServerConfig::defaults().sync();
     EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedMachines), QStringList{"m1"});
     EXPECT_EQ(ServerConfig::stringList(SettingsKey::confirmedAgentCodes), (QStringList{"111111", "222222"}));
-}
 
-TEST_F(Settings, ReadsSeeWritesMadeThroughAnotherHandleAtOnce) {
     QSettings other;  // the same store, as another part of the application would open it
     other.setValue(SettingsKey::serverHost, "10.1.2.3");
     other.setValue(SettingsKey::serverQuicPort, 9191);

@@ -6,37 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "ClientDecoding.h"
 #include "LineSplitter.h"
 #include "Message.h"
 
 using namespace ostv;
 
 namespace {
-
-void decodeLine(std::string_view line) {
-    auto parsed = ReceivedLine::parse(line);
-    if (!parsed) return;
-    auto sniff = parsed.value().sniff();
-    if (!sniff) return;
-    if (sniff->type == "PTY_LIST") {
-        auto env = parsed.value().takePtyList();
-        if (env) (void)toPtyInfos(env.value());
-    } else if (sniff->type == "fs_result") {
-        auto env = parsed.value().takeFsResult();
-        if (env && env->data)
-            for (const auto& f : *env->data) (void)DirectoryItem::fromFileInfo(f);
-    } else {
-        auto m = parsed.value().takeMessage();
-        if (m) {
-            // Whatever decodes must encode and decode back to the same record.
-            auto back = Message::decode(m->encode());
-            if (!back || !(back.value() == m.value())) {
-                // Encoding replaces invalid UTF-8, which decoding never lets in: a mismatch is a fault.
-                abort();
-            }
-        }
-    }
-}
 
 void differential(std::string_view line) {
     setLongStringFastPath(true);
@@ -58,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     LineSplitter splitter;
     for (size_t off = 0; off < stream.size(); off += chunk)
         splitter.feed(stream.substr(off, chunk), [](std::string_view line) {
-            decodeLine(line);
+            (void)fuzz::decodeAsTheClient(line);
             differential(line);
         });
     return 0;

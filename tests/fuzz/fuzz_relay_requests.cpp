@@ -17,7 +17,6 @@
 // accepts. Checked after every step: the agent never seats more controllers than its limit.
 #include <QCoreApplication>
 #include <QDir>
-#include <QPointer>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <cstddef>
@@ -25,18 +24,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <unistd.h>
 
+#include "ClientDecoding.h"
+#include "FakeLink.h"
 #include "Message.h"
 #include "agent/Agent.h"
-#include "relay/ControllerLink.h"
 #include "relay/Relay.h"
 
 using namespace ostv;
 using namespace ostv::server;
+using ostv::server::test::FakeLink;
+using ostv::server::test::Peer;
 
 namespace {
 
@@ -46,71 +47,25 @@ namespace {
     std::abort();
 }
 
-// The client's side of decoding a received line (as the connection manager does it).
+// Every line the server sends is one line that the client decodes.
 void checkSentLine(std::string_view line) {
     if (line.find('\n') != std::string_view::npos) fail("a line feed inside a sent line", line);
-    auto parsed = ReceivedLine::parse(line);
-    if (!parsed) fail("sent a line that is not JSON", line);
-    auto sniff = parsed.value().sniff();
-    if (!sniff) fail("sent a line without a type", line);
-    bool ok = false;
-    if (sniff->type == "PTY_LIST")
-        ok = parsed.value().takePtyList().ok();
-    else if (sniff->type == "fs_result")
-        ok = parsed.value().takeFsResult().ok();
-    else
-        ok = parsed.value().takeMessage().ok();
-    if (!ok) fail("sent a line the client cannot decode", line);
+    if (!fuzz::decodeAsTheClient(line)) fail("sent a line the client cannot decode", line);
 }
 
-struct Wire {
-    size_t pending = 0;
-    bool holdAcks = false;
-    bool closed = false;
-};
-
-// Behaves as the production link does towards the relay: closes are reported later, from the event
-// loop, and nothing is delivered after them.
-class Link : public ControllerLink {
-public:
-    explicit Link(std::shared_ptr<Wire> wire) : wire_(std::move(wire)) {}
-    QString serverName() const override { return QStringLiteral("ctrl-123456"); }
-    QString peerAddress() const override { return QStringLiteral("fuzz:1"); }
-    void sendLine(std::string_view line) override {
-        if (wire_->closed) return;
-        checkSentLine(line);
-        if (wire_->holdAcks) wire_->pending += line.size() + 1;
-    }
-    size_t pendingBytes() const override { return wire_->pending; }
-    void close(uint64_t) override { finish(QStringLiteral("closed by server")); }
-    void setReadPaused(bool) override {}
-
-    void deliver(std::string_view line) {
-        if (!wire_->closed && onLine) onLine(line);
-    }
-    void ackAll() {
-        wire_->pending = 0;
-        if (!wire_->closed && onDrained) onDrained();
-    }
-    void finish(const QString& why) {
-        if (wire_->closed) return;
-        wire_->closed = true;
-        QTimer::singleShot(0, this, [this, why] {
-            if (onClosed) onClosed(why);
-        });
-    }
-
-private:
-    std::shared_ptr<Wire> wire_;
-};
-
+// A controller's link as the production one behaves towards the relay (closes reported later, from the
+// event loop, nothing delivered after them); every line sent on it is checked.
 struct Slot {
-    std::shared_ptr<Wire> wire;
-    QPointer<Link> link;
+    Peer peer;
+    size_t checked = 0;  // lines of the wire already checked
     void connect(Relay& relay) {
-        wire = std::make_shared<Wire>();
-        link = new Link(wire);
-        relay.accept(link);
+        peer = Peer{};
+        checked = 0;
+        peer.link = new FakeLink(peer.wire, QStringLiteral("ctrl-123456"));
+        relay.accept(peer.link);
+    }
+    void checkSent() {
+        for (; checked < peer->lines.size(); ++checked) checkSentLine(peer->lines[checked]);
     }
 };
 
@@ -161,13 +116,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (op >= 0x03 && op <= 0x06) {
                 Slot& s = peers[line.size() > 1 ? static_cast<unsigned char>(line[1]) % 3 : 0];
                 if (op == 0x03) {
-                    s.wire->holdAcks = true;
+                    s.peer->holdAcks = true;
                 } else if (op == 0x04) {
-                    s.wire->holdAcks = false;
-                    if (s.link) s.link->ackAll();
+                    s.peer->holdAcks = false;
+                    if (!s.peer->closed) s.peer.ackAll();
                 } else if (op == 0x05) {
-                    if (s.link) s.link->finish(QStringLiteral("peer closed"));
-                } else if (!s.link) {
+                    s.peer.leave();
+                } else if (!s.peer.link) {
                     s.connect(relay);
                 }
             } else {
@@ -181,13 +136,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     const auto seated = agent.controllers();
                     text.replace(at, 6, seated.empty() ? std::string() : seated.front().id);
                 }
-                if (peers[from].link) peers[from].link->deliver(text);
+                peers[from].peer.sendRaw(text);
             }
             settle();
+            for (Slot& s : peers) s.checkSent();
             if (agent.controllerCount() > config.limit) fail("more controllers seated than the limit", line);
         }
         relay.closeAll();
         settle();
+        for (Slot& s : peers) s.checkSent();
     }
     settle();
     return 0;

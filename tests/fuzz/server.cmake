@@ -5,7 +5,8 @@ add_executable(fuzz_relay_requests fuzz_relay_requests.cpp PtyStandIn.cpp
   ${_server}/relay/Relay.cpp ${_server}/relay/Relay.h ${_server}/relay/ControllerLink.h
   ${_server}/relay/AgentPort.cpp ${_server}/relay/AgentPort.h
   ${_server}/agent/Agent.cpp ${_server}/agent/Agent.h ${_server}/agent/PtyProcess.h)
-target_include_directories(fuzz_relay_requests PRIVATE ${_server})
+target_include_directories(fuzz_relay_requests PRIVATE ${_server} ${PROJECT_SOURCE_DIR}/tests/server
+  ${PROJECT_SOURCE_DIR}/tests/support)
 target_link_libraries(fuzz_relay_requests PRIVATE ostvarren_core ostvarren_server_guard Qt6::Core)
 target_compile_options(fuzz_relay_requests PRIVATE -fsanitize=fuzzer)
 target_link_options(fuzz_relay_requests PRIVATE -fsanitize=fuzzer)

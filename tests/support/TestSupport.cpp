@@ -75,16 +75,6 @@ QString makeTempDir(const QString& prefix) {
     return path;
 }
 
-QString writeSlowShell(int seconds) {
-    const QString path = makeTempDir(QStringLiteral("slow-shell")) + QStringLiteral("/slow-sh");
-    QFile f(path);
-    if (!f.open(QIODevice::WriteOnly)) return {};
-    f.write("#!/bin/sh\nsleep " + QByteArray::number(seconds) + "\nexec /bin/sh \"$@\"\n");
-    f.close();
-    f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    return path;
-}
-
 void isolateSettings() {
     const QString dir = makeTempDir(QStringLiteral("settings"));
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir);

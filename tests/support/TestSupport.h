@@ -30,10 +30,6 @@ bool processRunning(long pid);
 // A fresh, empty folder under the test home, removed again when the test binary exits.
 QString makeTempDir(const QString& prefix = QStringLiteral("t"));
 
-// An executable script that waits `seconds` and then becomes /bin/sh: a shell slow to start, for the
-// server's --shell. Answers its path (empty if it could not be written).
-QString writeSlowShell(int seconds);
-
 // Points the application's settings store at a fresh private folder and empties it.
 void isolateSettings();
 
