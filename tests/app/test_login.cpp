@@ -40,14 +40,6 @@ TEST(PasswordMasking, TypePasteDeleteAndMaskCharacters) {
     }
 }
 
-namespace {
-QAction* shortcutAction(QWidget* window, const QKeySequence& key) {
-    for (QAction* a : window->findChildren<QAction*>())
-        if (a->shortcut() == key) return a;
-    return nullptr;
-}
-}  // namespace
-
 class LoginScreen : public ::testing::Test {
 protected:
     CannedHttpServer server;
@@ -73,6 +65,12 @@ protected:
         SecretStore::useFileStoreOnlyForTesting(false);
     }
     LoginViewController* login() { return qobject_cast<LoginViewController*>(app->currentScreen()); }
+    // Triggers the window's menu item bound to `key`, as the shortcut does.
+    void press(QKeyCombination key) {
+        for (QAction* a : app->window()->findChildren<QAction*>())
+            if (a->shortcut() == QKeySequence(key)) return a->trigger();
+        ADD_FAILURE() << "no menu item for " << QKeySequence(key).toString().toStdString();
+    }
     int posts() {
         int n = 0;
         for (const auto& r : server.requests) n += r.method == "POST";
@@ -82,10 +80,9 @@ protected:
 
 TEST_F(LoginScreen, PrefillsDefaultsAndShowsOnlyMasksOfWhatIsTypedOrPasted) {
     ASSERT_NE(login(), nullptr);
-    EXPECT_EQ(login()->hostField->text(), "127.0.0.1");
-    EXPECT_EQ(login()->userField->text(), "admin");
-    EXPECT_EQ(login()->passField->text(), QString(10, QChar(0x25CF)));
-    EXPECT_EQ(login()->realPassword, "quill_tarn");
+    EXPECT_EQ((QStringList{login()->hostField->text(), login()->userField->text(), login()->passField->text(),
+                           login()->realPassword}),
+              (QStringList{"127.0.0.1", "admin", QString(10, QChar(0x25CF)), "quill_tarn"}));
     EXPECT_EQ(app->window()->windowTitle(), "Ostvarren  v1.0.0 · #04060750");
     EXPECT_FALSE(app->logoutMenuItem()->isEnabled());
     // The about panel's tag line fits on one line, and a second "about" brings the same panel forward.
@@ -117,9 +114,7 @@ TEST_F(LoginScreen, PrefillsDefaultsAndShowsOnlyMasksOfWhatIsTypedOrPasted) {
     QApplication::setActiveWindow(app->window());
     login()->passField->setFocus();
     ASSERT_TRUE(waitUntil([&] { return QApplication::focusWidget() == login()->passField; }));
-    QAction* paste = shortcutAction(app->window(), QKeySequence(Qt::CTRL | Qt::Key_V));
-    ASSERT_NE(paste, nullptr);
-    paste->trigger();
+    press(Qt::CTRL | Qt::Key_V);
     EXPECT_EQ(login()->realPassword, "s3xz");  // a "●" in the pasted text is lost, as when typed
     EXPECT_EQ(login()->passField->text(), "●●●●");
 
@@ -127,14 +122,11 @@ TEST_F(LoginScreen, PrefillsDefaultsAndShowsOnlyMasksOfWhatIsTypedOrPasted) {
     login()->hostField->setText("10.1.2.3");
     login()->hostField->setFocus();
     ASSERT_TRUE(waitUntil([&] { return QApplication::focusWidget() == login()->hostField; }));
-    const auto action = [&](QKeyCombination key) { return shortcutAction(app->window(), QKeySequence(key)); };
-    for (auto key : {Qt::CTRL | Qt::Key_A, Qt::CTRL | Qt::Key_X, Qt::CTRL | Qt::Key_Z})
-        ASSERT_NE(action(key), nullptr) << QKeySequence(key).toString().toStdString();
-    action(Qt::CTRL | Qt::Key_A)->trigger();
+    press(Qt::CTRL | Qt::Key_A);
     EXPECT_EQ(login()->hostField->selectedText(), "10.1.2.3");
-    action(Qt::CTRL | Qt::Key_X)->trigger();
+    press(Qt::CTRL | Qt::Key_X);
     EXPECT_EQ(login()->hostField->text(), "");
-    action(Qt::CTRL | Qt::Key_Z)->trigger();
+    press(Qt::CTRL | Qt::Key_Z);
     EXPECT_EQ(login()->hostField->text(), "10.1.2.3");
 
     // A password in the plain settings file moves to the keychain; stored empty, the prefill treats it as absent.
@@ -156,6 +148,7 @@ TEST_F(LoginScreen, RefusalsKeepTheScreenADoubleReturnSignsInOnceAndSigningOutCo
     EXPECT_FALSE(login()->errorLabel->isHidden());
     EXPECT_EQ(login()->errorLabel->text(), "请填写服务器地址、用户名和密码");
     login()->hostField->setText("127.0.0.1");
+    login()->errorLabel->clear();
     login()->realPassword.clear();
     login()->onLoginClicked();
     EXPECT_EQ(login()->errorLabel->text(), "请填写服务器地址、用户名和密码");
@@ -186,19 +179,10 @@ TEST_F(LoginScreen, RefusalsKeepTheScreenADoubleReturnSignsInOnceAndSigningOutCo
     EXPECT_EQ(AdminPassword::read(), "quill_tarn");
     EXPECT_FALSE(ServerConfig::defaults().contains(SettingsKey::adminPassword));
 
-    // Logout: the relay is dropped, the token cleared, and a fresh login screen shown.
-    app->logoutMenuItem()->trigger();
-    EXPECT_EQ(disconnects, 1);
-    EXPECT_FALSE(AdminAPIClient::shared().hasToken());
-    EXPECT_NE(login(), nullptr);
-    EXPECT_FALSE(app->logoutMenuItem()->isEnabled());
-
-    // Preferences open as a sheet over the workspace too; saving signs out after half a second.
-    app->showMain();
+    // Preferences open as a sheet over the workspace; saving signs out after half a second, as the menu's
+    // logout does: the relay is dropped, the token cleared, and a fresh login screen shown.
     QWidget* shown = app->currentScreen();
-    QAction* prefs = shortcutAction(app->window(), QKeySequence(Qt::CTRL | Qt::Key_Comma));
-    ASSERT_NE(prefs, nullptr);
-    prefs->trigger();
+    press(Qt::CTRL | Qt::Key_Comma);
     auto* sheet = app->window()->findChild<PreferencesViewController*>();
     ASSERT_NE(sheet, nullptr);
     EXPECT_TRUE(sheet->isVisible());
@@ -211,6 +195,9 @@ TEST_F(LoginScreen, RefusalsKeepTheScreenADoubleReturnSignsInOnceAndSigningOutCo
     ASSERT_TRUE(waitUntil([&] { return app->currentScreen() != shown; }, 3000));
     EXPECT_GE(t.elapsed(), 450);
     EXPECT_NE(login(), nullptr);
+    EXPECT_EQ(disconnects, 1);
+    EXPECT_FALSE(AdminAPIClient::shared().hasToken());
+    EXPECT_FALSE(app->logoutMenuItem()->isEnabled());
 }
 
 TEST(AppStartDeathTest, ClosingTheMainWindowEndsTheApplication) {

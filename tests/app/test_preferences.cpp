@@ -10,23 +10,19 @@
 using namespace ostv;
 using namespace ostv::test;
 
-TEST(PortParsing, SignsDigitsAndDefaults) {
-    EXPECT_EQ(parsePortField("9191", 9090), 9191);
-    EXPECT_EQ(parsePortField("+42", 9090), 42);
-    EXPECT_EQ(parsePortField("-5", 9090), -5);
-    EXPECT_EQ(parsePortField("70000", 9090), 70000);  // no range check here
+TEST(Preferences, PortFieldsTakeASignAndDigitsABlankHostWritesNothingAndPortsAreReadBackThroughTheDefaults) {
+    for (auto [text, port] : {std::pair{"9191", 9191}, {"+42", 42}, {"-5", -5}, {"70000", 70000}})  // no range check
+        EXPECT_EQ(parsePortField(text, 9090), port) << text;
     for (const char* bad : {"", "abc", " 80", "80 ", "8o", "+", "-", "+-1", "١٢", "８０", "99999999999999999999"})
         EXPECT_EQ(parsePortField(QString::fromUtf8(bad), 8080), 8080) << bad;
-}
 
-TEST(Preferences, ABlankHostWritesNothingAndPortsAreStoredAndReadBackThroughTheDefaults) {
     SecretStore::useFileStoreOnlyForTesting(true, makeTempDir("prefs") + "/secrets.json");
     ServerConfig::defaults().clear();
     PreferencesViewController p;
-    EXPECT_EQ(p.serverField->text(), "127.0.0.1");
-    EXPECT_EQ(p.quicPortField->text(), "9090");
-    EXPECT_EQ(p.adminPortField->text(), "8080");
-    EXPECT_EQ(p.passwordField->text(), "quill_tarn");
+    const auto fields = [](const PreferencesViewController& v) {
+        return QStringList{v.serverField->text(), v.quicPortField->text(), v.adminPortField->text(), v.passwordField->text()};
+    };
+    EXPECT_EQ(fields(p), QStringList({"127.0.0.1", "9090", "8080", "quill_tarn"}));
     EXPECT_EQ(p.passwordField->echoMode(), QLineEdit::Password);
 
     p.serverField->setText("  ");
@@ -50,8 +46,7 @@ TEST(Preferences, ABlankHostWritesNothingAndPortsAreStoredAndReadBackThroughTheD
     EXPECT_EQ(ServerConfig::integer(SettingsKey::adminServerPort), -5);
     EXPECT_EQ(ServerConfig::adminPort(), 8080);
     EXPECT_EQ(AdminPassword::read(), "");
-    PreferencesViewController again;
-    EXPECT_EQ(again.adminPortField->text(), "8080");  // the port in use, not the stored "-5"
-    EXPECT_EQ(again.passwordField->text(), "");  // the empty password shows as stored
+    // Read back: the admin port in use, not the stored "-5"; the empty password as stored.
+    EXPECT_EQ(fields(PreferencesViewController()), QStringList({"10.0.0.7", "9090", "8080", ""}));
     SecretStore::useFileStoreOnlyForTesting(false);
 }

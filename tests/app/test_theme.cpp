@@ -6,7 +6,6 @@
 #include <QDBusVariant>
 #include <QProcess>
 #include <QScopeGuard>
-#include <QStandardPaths>
 #include <QThread>
 
 #include "AppearanceWatcher.h"
@@ -47,7 +46,6 @@ public Q_SLOTS:
 class PrivateBus {
 public:
     PrivateBus() {
-        if (QStandardPaths::findExecutable("dbus-daemon").isEmpty()) return;
         daemon_.start("dbus-daemon", {"--session", "--nofork", "--print-address"});
         if (!daemon_.waitForStarted(3000)) return;
         if (!waitUntil([&] { return daemon_.canReadLine(); }, 5000)) return;

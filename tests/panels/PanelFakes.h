@@ -72,27 +72,14 @@ public:
 
 // A directory (or, with isDirectory false, a file) named by the last part of its path.
 inline DirectoryItem makeItem(const QString& path, bool isDirectory = true) {
-    DirectoryItem d;
-    d.id = QUuid::createUuid();
-    d.path = path;
-    d.name = path.section('/', -1);
-    d.isDirectory = isDirectory;
-    return d;
+    return {.id = QUuid::createUuid(), .name = path.section('/', -1), .path = path, .isDirectory = isDirectory,
+            .children = std::nullopt};
 }
 
-inline Host makeHost(const QString& id, const QString& machineId, const QString& agentCode,
-                     HostStatus status = HostStatus::online) {
-    Host h;
-    h.id = id;
-    h.name = "host-" + id;
-    h.machineId = machineId;
-    h.agentCode = agentCode;
-    h.status = status;
-    h.cpuLoad = "12%";
-    h.memLoad = "40%";
-    h.userCount = 1;
-    h.os = "linux";
-    return h;
+// An online Linux agent with one user and some load.
+inline Host makeHost(const QString& id, const QString& machineId, const QString& agentCode) {
+    return {.id = id, .name = "host-" + id, .status = HostStatus::online, .userCount = 1, .cpuLoad = "12%",
+            .agentCode = agentCode, .os = "linux", .memLoad = "40%", .machineId = machineId, .hostname = {}};
 }
 
 }  // namespace ostv::test

@@ -51,6 +51,11 @@ struct ConnectPanelFixture : ::testing::Test {
         workspace.currentPanel = panel;
         panel->show();
     }
+    // The pairing row as the user sees it: the button's text and whether it is enabled, the spinner, the status.
+    std::tuple<QString, bool, bool, QString> pairRow() const {
+        return {panel->pairButton->text(), panel->pairButton->isEnabled(), panel->pairSpinner->isAnimating(),
+                panel->pairStatusLabel->text()};
+    }
 };
 
 }  // namespace
@@ -78,19 +83,14 @@ TEST_F(ConnectPanelFixture, NewHostPairsWithAValidCodeRetriesFailuresThenChecksT
     EXPECT_EQ(workspace.pairNicknames, QStringList({localLoginName()}));
     EXPECT_EQ(ServerConfig::string(SettingsKey::lastPairCode), QString("654321"));
     EXPECT_FALSE(ServerConfig::string(SettingsKey::lastNickname));
-    EXPECT_EQ(panel->pairButton->text(), "连接中…");
-    EXPECT_TRUE(panel->pairSpinner->isAnimating());
     panel->codeField->setText("654321");  // typing while the pairing runs does not re-enable the button
-    EXPECT_FALSE(panel->pairButton->isEnabled());
+    EXPECT_EQ(pairRow(), std::tuple(QString("连接中…"), false, true, QString()));
 
     SCOPED_TRACE("no answer in time");
     ASSERT_TRUE(test::waitUntil([&] { return !panel->pairStatusLabel->text().isEmpty(); }, 3000));
-    EXPECT_EQ(panel->pairStatusLabel->text(), "✗ 连接超时，请检查配对码和网络");
+    EXPECT_EQ(pairRow(), std::tuple(QString("连接"), true, false, QString("✗ 连接超时，请检查配对码和网络")));
     EXPECT_EQ(panel->pairStatusLabel->palette().color(QPalette::WindowText), Theme::systemRed());
-    EXPECT_EQ(panel->pairButton->text(), "连接");
-    EXPECT_TRUE(panel->pairButton->isEnabled());
     EXPECT_FALSE(panel->isPaired());
-    EXPECT_FALSE(panel->pairSpinner->isAnimating());
     // A relay error reads the same way, with its own message; retried, a typed name is sent trimmed.
     panel->nicknameField->setText("  夜班  ");
     panel->onPair();
@@ -104,9 +104,7 @@ TEST_F(ConnectPanelFixture, NewHostPairsWithAValidCodeRetriesFailuresThenChecksT
     panel->pairDidSucceed(QString("C:\\Users\\me"), QString("windows"));
     test::spin(120);
     EXPECT_TRUE(panel->isPaired());
-    EXPECT_EQ(panel->pairStatusLabel->text(), "");
-    EXPECT_EQ(panel->pairButton->text(), "已连接");
-    EXPECT_FALSE(panel->pairButton->isEnabled());
+    EXPECT_EQ(pairRow(), std::tuple(QString("已连接"), false, false, QString()));
     EXPECT_TRUE(panel->codeField->isReadOnly());
     EXPECT_FALSE(panel->pathField->isReadOnly());
     EXPECT_EQ(panel->pathField->text(), "C:\\Users\\me");
@@ -128,12 +126,10 @@ TEST_F(ConnectPanelFixture, NewHostPairsWithAValidCodeRetriesFailuresThenChecksT
     EXPECT_TRUE(panel->confirmButton->isEnabled());
     panel->onConfirm();
     panel->pathValidated(true);
-    ASSERT_EQ(workspace.launches.size(), 1u);
-    EXPECT_EQ(workspace.launches[0], (Launch{"api", std::nullopt, std::nullopt, "c:/work/api"}));
+    EXPECT_EQ(workspace.launches, (std::vector<Launch>{{"api", std::nullopt, std::nullopt, "c:/work/api"}}));
     EXPECT_EQ(workspace.currentPanel, nullptr);
     EXPECT_FALSE(workspace.pendingAutoCreate);
-    ASSERT_TRUE(workspace.pendingEnvCommands.has_value());
-    EXPECT_FALSE(workspace.pendingEnvCommands->has_value());
+    EXPECT_EQ(workspace.pendingEnvCommands, std::make_optional(std::optional<QString>()));  // told: no variables
     // After the session, the agent's starting directory is asked for to fill the tree.
     EXPECT_EQ(link.listedPaths().back(), ".");
     EXPECT_TRUE(test::waitUntil([&] { return panel.isNull(); }));  // closed and released
@@ -181,9 +177,8 @@ TEST_F(ConnectPanelFixture, SessionPanelsWaitForTheLinkAndKeepEachDirectorysVari
     panel->pathField->setText("/srv/app/ ");  // the key is the session's: "/srv/app"
     panel->onConfirm();
     panel->pathValidated(true);
-    ASSERT_EQ(workspace.launches.size(), 1u);
     const QString commands = "export API_URL=\"http://x y\"";
-    EXPECT_EQ(workspace.launches[0].env, commands);
+    EXPECT_EQ(workspace.launches, (std::vector<Launch>{{"app", std::nullopt, commands, "/srv/app/"}}));
     EXPECT_EQ(workspace.pendingEnvCommands, std::optional<std::optional<QString>>(commands));
     const auto key = EnvStore::sessionStorageKey("m1", "/srv/app", "/srv/app");  // as the workspace's delete has it
     ASSERT_TRUE(key);
@@ -196,9 +191,8 @@ TEST_F(ConnectPanelFixture, SessionPanelsWaitForTheLinkAndKeepEachDirectorysVari
     ASSERT_EQ(panel->envRows.size(), 1);
     EXPECT_EQ(panel->envRows[0].valueField->text(), "http://x y");
     // The section opens on the next turn of the event loop, to its full height.
-    ASSERT_TRUE(test::waitUntil([&] { return panel->isEnvExpanded(); }));
     EXPECT_TRUE(test::waitUntil([&] {
-        return panel->height() == ConnectPanelViewController::expandedHeight &&
+        return panel->isEnvExpanded() && panel->height() == ConnectPanelViewController::expandedHeight &&
                panel->envScrollView->height() == ConnectPanelViewController::expandedRowsHeight;
     }));
     panel->onDeleteEnvRow(panel->envRows[0].view);

@@ -4,17 +4,15 @@
 
 using namespace ostv::ConnectPanelLogic;
 
-TEST(PairingCode, SixNumericCharactersAfterTrimming) {
-    const std::pair<const char*, bool> cases[] = {
+TEST(ConnectPanelLogic, ACodeIsSixNumericCharactersAndAPathIsAbsoluteAsTheAgentsSystemWritesIt) {
+    const std::pair<const char*, bool> codes[] = {
         {"123456", true}, {"  123456\t\n", true}, {"１２３４５６", true},  // full-width
         {"٠١٢٣٤٥", true},                                             // Arabic-Indic
         {"𝟏𝟐𝟑𝟒𝟓𝟔", true},  // outside the basic plane: six characters, not twelve
         {"𝟏𝟐𝟑", false},     // three characters in six UTF-16 units
         {"12345", false}, {"12345a", false}, {"1234567", false}, {"123 456", false}, {"", false}, {"      ", false}};
-    for (const auto& [code, valid] : cases) EXPECT_EQ(isValidPairingCode(QString::fromUtf8(code)), valid) << code;
-}
+    for (const auto& [code, valid] : codes) EXPECT_EQ(isValidPairingCode(QString::fromUtf8(code)), valid) << code;
 
-TEST(PathFormat, WindowsWantsADriveLetterColonAndSeparatorOthersALeadingSlash) {
     const QString win = QStringLiteral("请输入 Windows 绝对路径，如 C:\\Users\\user");
     const QString posix = QStringLiteral("请输入绝对路径，如 /home/user");
     const QString empty = QStringLiteral("请输入工作目录的绝对路径");

@@ -21,29 +21,10 @@ QStringList ids(const QList<Host>& hosts) {
 
 }  // namespace
 
-TEST(HostRows, SortsByMachineIdElseAgentCodeWhateverTheServerOrder) {
-    // The third host has no machine id and sorts by its agent code "a5".
-    const QList<Host> fresh = {makeHost("1", "b", "000001"), makeHost("2", "", "a5"), makeHost("3", "a", "zzz")};
-    EXPECT_EQ(ids(HostRows::merge({}, fresh)), QStringList({"3", "2", "1"}));
-    EXPECT_EQ(ids(HostRows::merge({}, QList<Host>(fresh.rbegin(), fresh.rend()))), QStringList({"3", "2", "1"}));
-    // Plain string order: upper case before lower case, "10" before "9".
-    EXPECT_EQ(ids(HostRows::merge({}, {makeHost("x", "9", ""), makeHost("y", "10", ""), makeHost("z", "B", "")})),
-              QStringList({"y", "x", "z"}));
-}
-
-TEST(HostRows, IconsAndColourTexts) {
-    const std::pair<const char*, std::optional<QString>> icons[] = {
-        {"linux", "os_linux"}, {"darwin", "os_apple"}, {"windows", "os_windows"},
-        {"Linux", std::nullopt},  // exact matches only
-        {"freebsd", std::nullopt}};
-    for (const auto& [os, icon] : icons) EXPECT_EQ(HostRows::osIconName(os), icon) << os;
-    EXPECT_EQ(HostRows::colorFromHex("ffbd2e")->rgba(), QColor(0xff, 0xbd, 0x2e).rgba());
-    for (const char* bad : {"#zzzzzz", "#", ""}) EXPECT_FALSE(HostRows::colorFromHex(bad)) << bad;
-}
-
-// From the wire to the rows: a host name titles the row and the system name becomes its caption; without
-// one the system name titles it. The host name changes neither the order nor the identity of a row.
-TEST(HostRows, TitlesCaptionsAndToolTipsWithAndWithoutAHostName) {
+// From the wire to the rows: sorted by machine id, else by agent code; a host name titles the row and the
+// system name becomes its caption, without one the system name titles it. The host name changes neither the
+// order nor the identity of a row.
+TEST(HostRows, SortedTitlesCaptionsToolTipsIconsAndColours) {
     const auto hosts = AdminAgents::decodeHosts(R"([
         {"code":"111111","machine_id":"m3","controller_count":0,"os":"darwin"},
         {"code":"560573","machine_id":"m1","controller_count":1,"os":"linux","hostname":" buildbox#1 ","x":[1]},
@@ -66,6 +47,11 @@ TEST(HostRows, TitlesCaptionsAndToolTipsWithAndWithoutAHostName) {
         EXPECT_EQ(HostRows::toolTip(h), QString::fromUtf8(expected[i].tip)) << i;
     }
 
+    // Plain string order, whatever the server's: a machine id before the code, upper case before lower, "10" before "9".
+    EXPECT_EQ(ids(HostRows::merge({}, {makeHost("x", "9", ""), makeHost("v", "b", "000001"), makeHost("y", "10", ""),
+                                       makeHost("z", "B", "")})),
+              QStringList({"y", "x", "z", "v"}));
+
     // A host name that is not a string fails the list like any other ill-typed member.
     EXPECT_FALSE(AdminAgents::decodeHosts(R"([{"code":"1","controller_count":0,"hostname":7}])"));
     // Shown on one line; blank is none.
@@ -74,6 +60,14 @@ TEST(HostRows, TitlesCaptionsAndToolTipsWithAndWithoutAHostName) {
     ASSERT_TRUE(odd);
     EXPECT_EQ(odd->at(0).title(), "a b c");
     EXPECT_EQ(odd->at(1).title(), "Unknown");
+
+    // Icons by the exact system word; colours from hex text.
+    const std::pair<const char*, std::optional<QString>> icons[] = {
+        {"linux", "os_linux"}, {"darwin", "os_apple"}, {"windows", "os_windows"},
+        {"Linux", std::nullopt}, {"freebsd", std::nullopt}};
+    for (const auto& [os, icon] : icons) EXPECT_EQ(HostRows::osIconName(os), icon) << os;
+    EXPECT_EQ(HostRows::colorFromHex("ffbd2e")->rgba(), QColor(0xff, 0xbd, 0x2e).rgba());
+    for (const char* bad : {"#zzzzzz", "#", ""}) EXPECT_FALSE(HostRows::colorFromHex(bad)) << bad;
 }
 
 TEST(HostListModel, APollWhileOneIsOpenIsSkippedAnswersAreHandledOnTheMainThreadAndRefreshingRepeats) {

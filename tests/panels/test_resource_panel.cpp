@@ -72,7 +72,8 @@ QStringList menuTexts(const QMenu& menu) {  // a separator reads as ""
 
 }  // namespace
 
-TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnceAndOnlyWithALinkAndAWorkspace) {
+// The tree: a directory is listed once, only with a link and a workspace; its menu starts the tools there.
+TEST_F(ResourcePanelFixture, TreeListsADirectoryOnceWithALinkAndAWorkspaceAndStartsToolsThereWhileConnected) {
     ASSERT_EQ(panel.treeModel()->rowCount(), 2);
     const QModelIndex src = row("/home/u/src");
     // Without a link nothing is sent, and a skipped request does not count as asked.
@@ -105,14 +106,6 @@ TEST_F(ResourcePanelFixture, ExpandingListsADirectoryOnceAndOnlyWithALinkAndAWor
     panel.outlineView->expand(row("/home/u/docs"));
     EXPECT_EQ(link.listedPaths(), std::vector<std::string>({"/home/u/src", "/home/u/docs"}));
 
-    // Without a workspace nothing is asked either.
-    panel.setDelegate(nullptr);
-    panel.setDirectories({makeItem("/home/u/other")});
-    panel.outlineView->expand(row("/home/u/other"));
-    EXPECT_EQ(link.listedPaths().size(), 2u);
-}
-
-TEST_F(ResourcePanelFixture, ToolsStartInTheClickedDirectoryOnlyWhileConnected) {
     // The menu of a row holds the two tools in order and starts the chosen one there.
     std::unique_ptr<QMenu> menu(panel.makeTreeMenu(row("/home/u/src"), &panel));
     ASSERT_TRUE(menu);
@@ -128,10 +121,15 @@ TEST_F(ResourcePanelFixture, ToolsStartInTheClickedDirectoryOnlyWhileConnected) 
     workspace.connected = false;
     panel.launchKimi(row("/home/u/docs"));
     EXPECT_EQ(workspace.launches.size(), 2u);
+
+    // Without a workspace nothing is asked either.
+    panel.setDelegate(nullptr);
+    panel.setDirectories({makeItem("/home/u/other")});
+    panel.outlineView->expand(row("/home/u/other"));
+    EXPECT_EQ(link.listedPaths().size(), 2u);
 }
 
 TEST_F(ResourcePanelFixture, SessionRowsHeaderHighlightClicksAndMenusAndDeleteAsksFirst) {
-    EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (0/8)");
     panel.setUsers({session(1, "api"), session(2, "web"), session(13, "ops"), session(13, "ops (bob)", false)}, 8);
     EXPECT_EQ(panel.usersHeaderLabel->text(), "本机会话 (4/8)");
     ASSERT_EQ(panel.userCells().size(), 4);
