@@ -12,18 +12,15 @@
 
 namespace ostv::test {
 
-inline void clickAt(QWidget* area, QPoint pos, bool twice = false) {
-    QWidget* target = area->childAt(pos);
-    const QPoint at = target ? target->mapFrom(area, pos) : pos;
-    if (!target) target = area;
-    QTest::mouseClick(target, Qt::LeftButton, {}, at);
-    if (twice) QTest::mouseDClick(target, Qt::LeftButton, {}, at);
-}
-
 // A click (or a double-click) on row `row` of a list.
 inline void clickRow(QListWidget* list, int row, bool twice = false) {
     list->scrollToItem(list->item(row));
-    clickAt(list->viewport(), list->visualItemRect(list->item(row)).center(), twice);
+    const QPoint pos = list->visualItemRect(list->item(row)).center();
+    QWidget* target = list->viewport()->childAt(pos);
+    const QPoint at = target ? target->mapFrom(list->viewport(), pos) : pos;
+    if (!target) target = list->viewport();
+    QTest::mouseClick(target, Qt::LeftButton, {}, at);
+    if (twice) QTest::mouseDClick(target, Qt::LeftButton, {}, at);
 }
 
 // A right-click on an item of a view: answers the context menu it opened, or none.

@@ -71,11 +71,9 @@ protected:
 // Two workspaces on one agent that takes one controller: the second gets the chooser. Cancelled, it
 // gives the seat up (the link ends, the host shows offline, the first keeps its session); asked again,
 // its takeover pushes the first out. The chooser stays open for 20 s first, longer than the link's idle
-// time-out, while neither side has anything to say: the link must still be there for the pick. (This
-// wait makes the case take about 30 s.)
-// The first is kicked while a second session of its is still being set up: the kicked window ends the
-// set-up for good (no tab appears later, no set-up or ping timer is left, no set-up error is shown on
-// top of the kick), its shells are no orphans on the agent, and everything it stored is kept.
+// time-out: the link must still be there for the pick. The first is kicked while a second session of
+// its is being set up: the set-up ends for good (no tab later, no timer left, no set-up error on top of
+// the kick), its shells are no orphans on the agent, and everything it stored is kept.
 TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     const QString code = startServer({"--agents", "1", "--limit", "1"});
     ASSERT_FALSE(code.isEmpty());
@@ -175,11 +173,12 @@ TEST_F(Takeover, AnErrorFromALinkThatHasEndedIsNotShownAndAlertsDoNotStack) {
 }
 
 // Another client on the same agent runs shells with the numbers of ours (each client counts from 1).
-// Its rows are told apart from ours; nothing this window does to its own sessions — closing one from
-// the list while several are open, closing a tab whose shell has ended, taking over the other
-// client's row that has one of our numbers — ends one of the other client's shells or one of ours by
-// mistake, while taking over a row of a number we do not use does end that shell. An agent switch
-// then leaves no environment lines behind for the new agent's first session.
+// Its rows are told apart from ours; nothing this window does to its own sessions (closing one from
+// the list while several are open, taking over the other client's row that has one of our numbers)
+// ends one of the other client's shells or one of ours by mistake, while taking over a row of a number
+// we do not use does end that shell. An agent switch then leaves no environment lines behind for the
+// new agent's first session. (A tab whose shell has ended closes without a word to the agent: the
+// session controller's tests.)
 TEST_F(Takeover, AnotherClientsShellsWithOurNumbersAreNeverClosedByMistake) {
     const QString code = startServer({"--agents", "2"});
     ASSERT_FALSE(code.isEmpty());
@@ -224,9 +223,6 @@ TEST_F(Takeover, AnotherClientsShellsWithOurNumbersAreNeverClosedByMistake) {
         }, 15000);
     };
     ASSERT_TRUE(listed({"pty-1@other-client", "pty-2@other-client", "pty-3@other-client"}, {2, 3, 4}));
-    int otherRows = 0;
-    for (const User& u : w.resourcePanelView->users()) otherRows += !u.isSelf;
-    EXPECT_EQ(otherRows, 3);
     const auto row = [&](const QString& id) {
         for (const User& u : w.resourcePanelView->users())
             if (u.id == id) return u;
@@ -240,25 +236,18 @@ TEST_F(Takeover, AnotherClientsShellsWithOurNumbersAreNeverClosedByMistake) {
     auto* alert = w.findChild<QMessageBox*>("connectionErrorAlert");
     EXPECT_TRUE(alert && alert->isVisible() && alert->informativeText().startsWith("无法接管"));
 
-    // Our 2 ends (its tab is masked); closing that tab sends nothing.
-    Message bye("INPUT");
-    bye.ptyId = 2;
-    bye.data = "exit\r";
-    linkA.send(bye);
-    ASSERT_TRUE(waitUntil([&] { return w.terminalView->isTabTerminated(2); }, 30000));
-    w.terminalView->closeTab(2);
     // Our 3 closed from the list while several tabs are open: one close, for ours.
     w.resourcePanelViewDidRequestCloseSession(w.resourcePanelView, row("pty-3"));
-    EXPECT_EQ(w.terminalView->tabIds(), QList<int64_t>{4});
+    EXPECT_EQ(w.terminalView->tabIds(), QList<int64_t>({2, 4}));
     spin(1000);
-    EXPECT_TRUE(listed({"pty-1@other-client", "pty-2@other-client", "pty-3@other-client"}, {4}));
+    EXPECT_TRUE(listed({"pty-1@other-client", "pty-2@other-client", "pty-3@other-client"}, {2, 4}));
 
     // The other's 1 is no number of ours: taken over, it ends, and the folder gets a session of ours.
     w.resourcePanelViewDidClickSession(w.resourcePanelView, row("pty-1@other-client"));
     EXPECT_EQ(asked, 1);
-    EXPECT_TRUE(waitUntil([&] { return w.terminalView->tabIds() == QList<int64_t>({4, 5}); }, 30000));
-    EXPECT_TRUE(listed({"pty-2@other-client", "pty-3@other-client"}, {4, 5}));
-    EXPECT_TRUE(waitUntil([&] { return server->childCount() == 4; }, 15000)) << server->childCount();
+    EXPECT_TRUE(waitUntil([&] { return w.terminalView->tabIds() == QList<int64_t>({2, 4, 5}); }, 30000));
+    EXPECT_TRUE(listed({"pty-2@other-client", "pty-3@other-client"}, {2, 4, 5}));
+    EXPECT_TRUE(waitUntil([&] { return server->childCount() == 5; }, 15000)) << server->childCount();
 
     // The environment lines meant for the first session on this agent do not follow to the next.
     w.setPendingEnvCommands(QString("export LEAKED=\"1\""));
