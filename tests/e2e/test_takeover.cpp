@@ -51,6 +51,8 @@ protected:
         ServerConfig::setInteger(SettingsKey::adminServerPort, server->adminPort());
         firstWindow = std::make_unique<MainViewController>(&linkA);
         secondWindow = std::make_unique<MainViewController>(&linkB);
+        firstWindow->resize(1200, 800);
+        secondWindow->resize(1200, 800);
         return server->code(0);
     }
     // Pairs a window as the connect panel does and has its first session opened (the pairing request
@@ -79,8 +81,6 @@ TEST_F(Takeover, ASecondClientFillingTheLimitTakesTheSeatAndTheFirstIsKicked) {
     ASSERT_FALSE(code.isEmpty());
     MainViewController& first = *firstWindow;
     MainViewController& second = *secondWindow;
-    first.resize(1200, 800);
-    second.resize(1200, 800);
     pairOpeningASession(first, code, "alice");
     ASSERT_TRUE(waitUntil([&] { return first.terminalView->tabIds().size() == 1; }, 20000));
 
