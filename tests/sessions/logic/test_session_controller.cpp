@@ -152,18 +152,23 @@ TEST_F(SessionControllerTest, OneOwnSessionPerFolderAndNoneSentWhileDisconnected
 }
 
 // How a session ends: its shell exits (masked with the reason), the relay reports an error (the tab
-// closes, the reason shows), the user closes it. Each refreshes the list; the last tab to go leaves the
-// placeholder.
-TEST_F(SessionControllerTest, ExitMasksErrorAndCloseRemoveTheTabAndTheLastLeavesThePlaceholder) {
+// closes, the reason shows), the user closes it (one close, none for a shell that has ended, even when
+// a list from before the end still names it). Each refreshes the list; the last tab leaves the placeholder.
+TEST_F(SessionControllerTest, ExitErrorAndCloseEndASessionOnceAndTheLastLeavesThePlaceholder) {
+    const QString me = ClientIdentity::getOrCreate();
+    std::vector<int64_t> exited;
     for (int64_t code : {-1, 3}) {
-        const int64_t id = openRevealed(QStringLiteral("/d%1").arg(code));
+        exited.push_back(openRevealed(QStringLiteral("/d%1").arg(code)));
         const size_t lists = link.ofType("LIST_PTY").size();
-        c.didReceivePtyExit(id, code);
-        EXPECT_EQ(terminal.masks.at(id), code == -1 ? QString("会话已被接管") : QString("会话已终止 (exit 3)"));
-        EXPECT_EQ(c.activeSessions.count(id), 0u);
+        c.didReceivePtyExit(exited.back(), code);
+        EXPECT_EQ(terminal.masks.at(exited.back()), code == -1 ? QString("会话已被接管") : QString("会话已终止 (exit 3)"));
+        EXPECT_EQ(c.activeSessions.count(exited.back()), 0u);
         EXPECT_EQ(link.ofType("LIST_PTY").size(), lists + 1);
     }
-    terminal.tabs.clear();  // the user closed the masked tabs (the view drops them)
+    // The view drops an ended tab and its mark before it tells the workspace, which closes nothing.
+    terminal.tabs.clear();
+    terminal.masks.clear();
+    EXPECT_FALSE(c.releasePty(exited[1]));
     // An exit during set-up is silent; an error then aborts the set-up, with the reason.
     const int64_t silent = openAndWaitForSetup("/silent");
     c.didReceivePtyExit(silent, -1);
@@ -179,7 +184,16 @@ TEST_F(SessionControllerTest, ExitMasksErrorAndCloseRemoveTheTabAndTheLastLeaves
     EXPECT_EQ(link.ofType("LIST_PTY").size(), lists + 2);  // each revealed session refreshes the list at once
     c.didReceivePtyError(failed, "boom");
     EXPECT_EQ(errors.shown, (QStringList{"no such directory", "boom"}));
+    std::vector<PtyInfo> stale;
+    for (int64_t id : {exited[1], failed, a, b}) stale.push_back({id, "/x", "running", "c-me", me.toStdString()});
+    c.didReceivePtyList(stale);
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{a, "/x"}, {b, "/x"}}));
+    EXPECT_EQ(list.users.size(), 2);  // only the live ones are listed
+    c.closeAndCleanupPty(exited[1]);
+    c.closeAndCleanupPty(failed);
+    // Closed from the panel: the controller's own close, then the view's tab-closed hand-off.
     c.closeAndCleanupPty(a);
+    c.releasePty(a);
     EXPECT_EQ(terminal.tabs, QList<int64_t>{b});
     EXPECT_TRUE(terminal.emptyState.isEmpty());
     c.closeAndCleanupPty(b);
@@ -187,35 +201,7 @@ TEST_F(SessionControllerTest, ExitMasksErrorAndCloseRemoveTheTabAndTheLastLeaves
     EXPECT_EQ(terminal.emptyState, "选择目录以启动终端");
     EXPECT_TRUE(c.activeSessions.empty());
     EXPECT_EQ(link.closed, (std::vector<int64_t>{a, b}));
-    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == lists + 4; }, 2000));
-}
-
-TEST_F(SessionControllerTest, OneClosePerSessionAndNoneForAPtyThatHasEnded) {
-    const QString me = ClientIdentity::getOrCreate();
-    std::vector<int64_t> ids;
-    for (const char* path : {"/a", "/b", "/c", "/d"}) ids.push_back(openRevealed(path));
-    const int64_t closed = ids[0], exited = ids[1], failed = ids[2], live = ids[3];
-    // Closed from the panel: the controller's own close, then the view's tab-closed hand-off.
-    c.closeAndCleanupPty(closed);
-    c.releasePty(closed);
-    // One shell ends and its tab is closed (the view drops the tab and its "terminated" mark before it
-    // tells the workspace); another fails. A list asked for before that still names both as running,
-    // and their rows are closed from the panel.
-    c.didReceivePtyExit(exited, 0);
-    terminal.tabs.removeAll(exited);
-    terminal.masks.erase(exited);
-    EXPECT_FALSE(c.releasePty(exited));
-    c.didReceivePtyError(failed, "gone");
-    std::vector<PtyInfo> stale;
-    for (int64_t id : {exited, failed, live}) stale.push_back({id, "/x", "running", "c-me", me.toStdString()});
-    c.didReceivePtyList(stale);
-    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{live, "/x"}}));
-    EXPECT_EQ(list.users.size(), 1);  // only the live one is listed
-    c.closeAndCleanupPty(exited);
-    c.closeAndCleanupPty(failed);
-    c.closeAndCleanupPty(live);
-    c.releasePty(live);
-    EXPECT_EQ(link.closed, (std::vector<int64_t>{closed, live}));
+    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == lists + 6; }, 2000));
 }
 
 TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
