@@ -289,102 +289,94 @@ TEST_F(Product, ADayOfWorkFromSignInToLogOut) {
     EXPECT_TRUE(shows(id, "<" + agentHome() + ">")) << pageText(id).toStdString();
     ASSERT_TRUE(waitUntil([&] { return !w->resourcePanelView->directories().isEmpty(); }, 10000));
 
-    {
-        SCOPED_TRACE("a second session in another folder, with a variable set in the connect panel");
-        QTest::mouseClick(w->resourcePanelView->addSessionButton, Qt::LeftButton);  // "+ 添加新的本机会话"
-        ASSERT_TRUE(waitUntil([&] { return w->currentConnectPanel != nullptr; }, 5000));
-        ConnectPanelViewController* panel = w->currentConnectPanel;
-        panel->pathField->selectAll();
-        QTest::keyClicks(panel->pathField, "/tmp");
-        QTest::mouseClick(panel->addEnvButton, Qt::LeftButton);
-        ASSERT_EQ(panel->envRows.size(), 1);
-        QTest::keyClicks(panel->envRows.last().keyField, "OSTV_GREETING");
-        QTest::keyClicks(panel->envRows.last().valueField, "hello from e2e");
-        QTest::mouseClick(panel->confirmButton, Qt::LeftButton);
-        ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
-        const int64_t second = w->terminalView->tabIds().last();
-        typeInto(second, "echo \"[$OSTV_GREETING] <$PWD>\"\r");
-        EXPECT_TRUE(shows(second, "[hello from e2e] </tmp>")) << pageText(second).toStdString();
-        // The tab came once the shell had run the set-up, none of which it shows.
-        EXPECT_FALSE(pageText(second).contains("export ") || pageText(second).contains("__OSTVARREN_READY__"))
-            << pageText(second).toStdString();
-        EXPECT_TRUE(waitUntil([&] { return w->resourcePanelView->users().size() >= 2; }, 5000));
-        typeInto(second, "ls -la / | head -20\r");
-        shot("workspace");
-        // Its tab's close button ends it; the first stays.
-        TabItemView* item = w->terminalView->tabItems.at(second);
-        QTest::mouseClick(item, Qt::LeftButton);
-        EXPECT_TRUE(item->closeButtonShown());
-        QTest::mouseClick(item->closeButton(), Qt::LeftButton);
-        ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds() == QList<int64_t>{id}; }, 5000));
-        EXPECT_EQ(w->terminalView->tabItems.count(second), 0u);
-        // The session list drops it at its next refresh (every nine seconds).
-        EXPECT_TRUE(waitUntil([&] { return w->resourcePanelView->users().size() == 1; }, 15000));
-    }
+    // A second session in another folder, with a variable set in the connect panel.
+    QTest::mouseClick(w->resourcePanelView->addSessionButton, Qt::LeftButton);  // "+ 添加新的本机会话"
+    ASSERT_TRUE(waitUntil([&] { return w->currentConnectPanel != nullptr; }, 5000));
+    ConnectPanelViewController* panel = w->currentConnectPanel;
+    panel->pathField->selectAll();
+    QTest::keyClicks(panel->pathField, "/tmp");
+    QTest::mouseClick(panel->addEnvButton, Qt::LeftButton);
+    ASSERT_EQ(panel->envRows.size(), 1);
+    QTest::keyClicks(panel->envRows.last().keyField, "OSTV_GREETING");
+    QTest::keyClicks(panel->envRows.last().valueField, "hello from e2e");
+    QTest::mouseClick(panel->confirmButton, Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
+    const int64_t second = w->terminalView->tabIds().last();
+    typeInto(second, "echo \"[$OSTV_GREETING] <$PWD>\"\r");
+    EXPECT_TRUE(shows(second, "[hello from e2e] </tmp>")) << pageText(second).toStdString();
+    // The tab came once the shell had run the set-up, none of which it shows.
+    EXPECT_FALSE(pageText(second).contains("export ") || pageText(second).contains("__OSTVARREN_READY__"))
+        << pageText(second).toStdString();
+    EXPECT_TRUE(waitUntil([&] { return w->resourcePanelView->users().size() >= 2; }, 5000));
+    typeInto(second, "ls -la / | head -20\r");
+    shot("workspace");
+    // Its tab's close button ends it; the first stays.
+    TabItemView* item = w->terminalView->tabItems.at(second);
+    QTest::mouseClick(item, Qt::LeftButton);
+    EXPECT_TRUE(item->closeButtonShown());
+    QTest::mouseClick(item->closeButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds() == QList<int64_t>{id}; }, 5000));
+    EXPECT_EQ(w->terminalView->tabItems.count(second), 0u);
+    // The session list drops it at its next refresh (every nine seconds).
+    EXPECT_TRUE(waitUntil([&] { return w->resourcePanelView->users().size() == 1; }, 15000));
 
-    {
-        SCOPED_TRACE("Ctrl+C and Ctrl+Z reach the shell, Ctrl+Shift+C and Ctrl+Shift+V copy and paste");
-        window->activateWindow();  // the connect panel had it; with no window manager it does not come back
-        ASSERT_TRUE(QTest::qWaitForWindowActive(window));
-        w->terminalView->focus();
-        const auto inTerminal = [&] {
-            for (QWidget* f = QApplication::focusWidget(); f; f = f->parentWidget())
-                if (f == w->terminalView->webView()) return true;
-            return false;
-        };
-        ASSERT_TRUE(waitUntil(inTerminal, 5000));
-        typeInto(id, "echo sle''eping; sleep 100\r");
-        ASSERT_TRUE(shows(id, "\nsleeping")) << pageText(id).toStdString();
-        spin(300);
-        press(Qt::Key_C, Qt::ControlModifier);
-        // The key goes through the page, a line typed meanwhile straight to the link: wait for the
-        // terminal's echo of the interrupt, or the line may arrive first and be thrown away with the
-        // interrupted input.
-        ASSERT_TRUE(shows(id, "^C")) << pageText(id).toStdString();
-        typeInto(id, "echo back-after-''int\r");
-        EXPECT_TRUE(shows(id, "\nback-after-int")) << pageText(id).toStdString();
-        typeInto(id, "echo sle''eping again; sleep 100\r");
-        ASSERT_TRUE(shows(id, "\nsleeping again")) << pageText(id).toStdString();
-        spin(300);
-        press(Qt::Key_Z, Qt::ControlModifier);
-        EXPECT_TRUE(shows(id, "Stopped")) << pageText(id).toStdString();
-        typeInto(id, "echo back-after-''stop\r");
-        EXPECT_TRUE(shows(id, "\nback-after-stop")) << pageText(id).toStdString();
-        QGuiApplication::clipboard()->clear();
-        w->terminalView->webView()->page()->runJavaScript(QStringLiteral("terminals.get(%1).term.selectAll()").arg(id));
-        spin(200);
-        press(Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
-        EXPECT_TRUE(waitUntil([&] { return QGuiApplication::clipboard()->text().contains("back-after-stop"); }, 5000))
-            << QGuiApplication::clipboard()->text().toStdString();
-        QGuiApplication::clipboard()->setText("echo pas''ted-ok");
-        press(Qt::Key_V, Qt::ControlModifier | Qt::ShiftModifier);
-        ASSERT_TRUE(shows(id, "echo pas''ted-ok")) << pageText(id).toStdString();
-        press(Qt::Key_Return);
-        EXPECT_TRUE(shows(id, "\npasted-ok")) << pageText(id).toStdString();
-    }
+    // Ctrl+C and Ctrl+Z reach the shell, Ctrl+Shift+C and Ctrl+Shift+V copy and paste.
+    window->activateWindow();  // the connect panel had it; with no window manager it does not come back
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window));
+    w->terminalView->focus();
+    const auto inTerminal = [&] {
+        for (QWidget* f = QApplication::focusWidget(); f; f = f->parentWidget())
+            if (f == w->terminalView->webView()) return true;
+        return false;
+    };
+    ASSERT_TRUE(waitUntil(inTerminal, 5000));
+    typeInto(id, "echo sle''eping; sleep 100\r");
+    ASSERT_TRUE(shows(id, "\nsleeping")) << pageText(id).toStdString();
+    spin(300);
+    press(Qt::Key_C, Qt::ControlModifier);
+    // The key goes through the page, a line typed meanwhile straight to the link: wait for the terminal's
+    // echo of the interrupt, or the line may arrive first and be thrown away with the interrupted input.
+    ASSERT_TRUE(shows(id, "^C")) << pageText(id).toStdString();
+    typeInto(id, "echo back-after-''int\r");
+    EXPECT_TRUE(shows(id, "\nback-after-int")) << pageText(id).toStdString();
+    typeInto(id, "echo sle''eping again; sleep 100\r");
+    ASSERT_TRUE(shows(id, "\nsleeping again")) << pageText(id).toStdString();
+    spin(300);
+    press(Qt::Key_Z, Qt::ControlModifier);
+    EXPECT_TRUE(shows(id, "Stopped")) << pageText(id).toStdString();
+    typeInto(id, "echo back-after-''stop\r");
+    EXPECT_TRUE(shows(id, "\nback-after-stop")) << pageText(id).toStdString();
+    QGuiApplication::clipboard()->clear();
+    w->terminalView->webView()->page()->runJavaScript(QStringLiteral("terminals.get(%1).term.selectAll()").arg(id));
+    spin(200);
+    press(Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+    EXPECT_TRUE(waitUntil([&] { return QGuiApplication::clipboard()->text().contains("back-after-stop"); }, 5000))
+        << QGuiApplication::clipboard()->text().toStdString();
+    QGuiApplication::clipboard()->setText("echo pas''ted-ok");
+    press(Qt::Key_V, Qt::ControlModifier | Qt::ShiftModifier);
+    ASSERT_TRUE(shows(id, "echo pas''ted-ok")) << pageText(id).toStdString();
+    press(Qt::Key_Return);
+    EXPECT_TRUE(shows(id, "\npasted-ok")) << pageText(id).toStdString();
 
-    int64_t tool = -1;
-    {
-        SCOPED_TRACE("\"Claude\" from a folder's menu in the tree: a tab named after it, the tool run there");
-        DirectoryItem dir = w->resourcePanelView->directories().first();
-        for (const DirectoryItem& d : w->resourcePanelView->directories())
-            if (d.name == "notes") dir = d;
-        QMenu* menu = openContextMenu(w->resourcePanelView->outlineView,
-                                      w->resourcePanelView->treeModel()->indexForPath(dir.path), w->resourcePanelView);
-        ASSERT_NE(menu, nullptr) << "no menu on " << dir.path.toStdString();
-        ASSERT_TRUE(clickMenuItem(menu, "Claude"));
-        ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
-        tool = w->terminalView->tabIds().last();
-        // The tab item comes with the page: on a busy machine the page may still be loading its scripts.
-        const auto toolTitle = [&] {
-            return w->terminalView->tabItems.count(tool) ? w->terminalView->tabItems.at(tool)->title() : QString();
-        };
-        EXPECT_TRUE(waitUntil([&] { return toolTitle() == "Claude"; }, 10000)) << toolTitle().toStdString();
-        if (!staging()) {
-            QFile ranIn(home + "/claude-started-in");
-            ASSERT_TRUE(ranIn.open(QIODevice::ReadOnly)) << "the tool did not run";
-            EXPECT_EQ(QString::fromUtf8(ranIn.readAll()).trimmed(), dir.path);
-        }
+    // "Claude" from a folder's menu in the tree: a tab named after it, the tool run there.
+    DirectoryItem dir = w->resourcePanelView->directories().first();
+    for (const DirectoryItem& d : w->resourcePanelView->directories())
+        if (d.name == "notes") dir = d;
+    QMenu* menu = openContextMenu(w->resourcePanelView->outlineView,
+                                  w->resourcePanelView->treeModel()->indexForPath(dir.path), w->resourcePanelView);
+    ASSERT_NE(menu, nullptr) << "no menu on " << dir.path.toStdString();
+    ASSERT_TRUE(clickMenuItem(menu, "Claude"));
+    ASSERT_TRUE(waitUntil([&] { return w->terminalView->tabIds().size() == 2; }, 20000));
+    const int64_t tool = w->terminalView->tabIds().last();
+    // The tab item comes with the page: on a busy machine the page may still be loading its scripts.
+    const auto toolTitle = [&] {
+        return w->terminalView->tabItems.count(tool) ? w->terminalView->tabItems.at(tool)->title() : QString();
+    };
+    EXPECT_TRUE(waitUntil([&] { return toolTitle() == "Claude"; }, 10000)) << toolTitle().toStdString();
+    if (!staging()) {
+        QFile ranIn(home + "/claude-started-in");
+        ASSERT_TRUE(ranIn.open(QIODevice::ReadOnly)) << "the tool did not run";
+        EXPECT_EQ(QString::fromUtf8(ranIn.readAll()).trimmed(), dir.path);
     }
 
     if (w->hostListView->hosts().size() >= 2) {

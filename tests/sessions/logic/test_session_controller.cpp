@@ -57,7 +57,8 @@ protected:
 TEST_F(SessionControllerTest, CreateThenOneSetupLineAndTheTabComesWithThePrintedMarker) {
     StdoutCapture log;
     c.setupTimeout = 30;  // no retry in the middle of this
-    const int64_t first = openAndWaitForSetup("~/proj", QString("export A=\"1\"\n   \n\nexport B=\"x y\"\n"), QString("claude"));
+    const int64_t first =
+        openAndWaitForSetup("~/proj", QString("export A=\"1\"\n   \n\nexport B=\"x y\"\n"), QString("claude"));
     auto creates = link.ofType("CREATE_PTY");
     ASSERT_EQ(creates.size(), 1u);
     EXPECT_EQ(creates[0].ptyId, first);
@@ -158,11 +159,11 @@ TEST_F(SessionControllerTest, ExitErrorAndCloseEndASessionOnceAndTheLastLeavesTh
     const QString me = ClientIdentity::getOrCreate();
     std::vector<int64_t> exited;
     for (int64_t code : {-1, 3}) {
-        exited.push_back(openRevealed(QStringLiteral("/d%1").arg(code)));
+        const int64_t id = exited.emplace_back(openRevealed(QStringLiteral("/d%1").arg(code)));
         const size_t lists = link.ofType("LIST_PTY").size();
-        c.didReceivePtyExit(exited.back(), code);
-        EXPECT_EQ(terminal.masks.at(exited.back()), code == -1 ? QString("会话已被接管") : QString("会话已终止 (exit 3)"));
-        EXPECT_EQ(c.activeSessions.count(exited.back()), 0u);
+        c.didReceivePtyExit(id, code);
+        EXPECT_EQ(terminal.masks.at(id), code == -1 ? QString("会话已被接管") : QString("会话已终止 (exit 3)"));
+        EXPECT_EQ(c.activeSessions.count(id), 0u);
         EXPECT_EQ(link.ofType("LIST_PTY").size(), lists + 1);
     }
     // The view drops an ended tab and its mark before it tells the workspace, which closes nothing.
