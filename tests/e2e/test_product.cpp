@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QClipboard>
+#include <QContextMenuEvent>
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QListWidget>
+#include <QMenu>
 #include <QScreen>
 #include <QTimer>
 #include <QPalette>
@@ -34,12 +38,59 @@
 #include "TabItemView.h"
 #include "TestSupport.h"
 #include "Theme.h"
-#include "UserInput.h"
 
 using namespace ostv;
 using namespace ostv::test;
 
 namespace {
+
+// The mouse as a user works it: a press goes to the widget that is under the pointer (a row's cell, a
+// label) and reaches the list or view below it the way a real press does when the cell leaves it alone.
+// A click (or a double-click) on row `row` of a list.
+inline void clickRow(QListWidget* list, int row, bool twice = false) {
+    list->scrollToItem(list->item(row));
+    const QPoint pos = list->visualItemRect(list->item(row)).center();
+    QWidget* target = list->viewport()->childAt(pos);
+    const QPoint at = target ? target->mapFrom(list->viewport(), pos) : pos;
+    if (!target) target = list->viewport();
+    QTest::mouseClick(target, Qt::LeftButton, {}, at);
+    if (twice) QTest::mouseDClick(target, Qt::LeftButton, {}, at);
+}
+
+// A right-click on an item of a view: answers the context menu it opened, or none.
+inline QMenu* openContextMenu(QAbstractItemView* view, const QModelIndex& index, QWidget* menuParent) {
+    view->scrollTo(index);
+    const QPoint pos = view->visualRect(index).center();
+    QContextMenuEvent ev(QContextMenuEvent::Mouse, pos, view->viewport()->mapToGlobal(pos));
+    QApplication::sendEvent(view->viewport(), &ev);
+    for (QMenu* menu : menuParent->findChildren<QMenu*>())
+        if (menu->isVisible()) return menu;
+    return nullptr;
+}
+
+// Clicks the item of an open menu whose text contains `text`; false when there is none.
+inline bool clickMenuItem(QMenu* menu, const QString& text) {
+    for (QAction* a : menu->actions()) {
+        if (!a->text().contains(text)) continue;
+        const QPoint at = menu->actionGeometry(a).center();
+        QTest::mouseMove(menu, at);
+        QTest::mouseClick(menu, Qt::LeftButton, {}, at);
+        return true;
+    }
+    return false;
+}
+
+// Opens the menu titled `menuTitle` of a menu bar and clicks its item `item`.
+inline bool chooseFromMenuBar(QMenuBar* bar, const QString& menuTitle, const QString& item) {
+    for (QAction* top : bar->actions()) {
+        if (top->text() != menuTitle || !top->menu()) continue;
+        QTest::mouseClick(bar, Qt::LeftButton, {}, bar->actionGeometry(top).center());
+        QMenu* menu = top->menu();
+        if (!QTest::qWaitFor([menu] { return menu->isVisible(); }, 2000)) return false;
+        return clickMenuItem(menu, item);
+    }
+    return false;
+}
 
 // Where the suite runs: against the local server it starts itself, or, like a staging check, against a
 // server that already runs elsewhere (OSTV_E2E_HOST set; see the README).
