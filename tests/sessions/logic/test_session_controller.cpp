@@ -122,16 +122,28 @@ TEST_F(SessionControllerTest, TimeoutRetriesTheEchoOnceThenFailsAndCloses) {
     EXPECT_EQ(terminal.tabs, QList<int64_t>{late});
 }
 
-// One session of ours per folder, however the path is written; another controller's shell there does
-// not count, and a list asked for before our session was created does not drop it. Made while the link
-// is down, a session is booked but nothing is sent.
-TEST_F(SessionControllerTest, OneOwnSessionPerFolderAndNoneSentWhileDisconnected) {
-    c.didReceivePtyList({{9, "/home/u/shared", "running", "c-x", "someone-else"}});
+// The first pairing without own sessions opens one in the home folder, with the variables meant for it.
+// Then one session of ours per folder, however the path is written; another controller's shell there
+// does not count, and a list asked for before our session was created does not drop it. Made while the
+// link is down, a session is booked but nothing is sent.
+TEST_F(SessionControllerTest, FirstSessionInHomeThenOnePerFolderAndNoneSentWhileDisconnected) {
+    c.pendingAutoCreate = true;
+    c.pendingEnvCommands = QString("export Z=\"9\"");
+    c.didReceivePtyList({{1, "/home/u/shared", "running", "c-x", "someone-else"}});
+    auto creates = link.ofType("CREATE_PTY");
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(creates[0].cwd, "/home/u");
+    EXPECT_EQ(creates[0].ptyId, 2);  // clear of the number another client runs
+    ASSERT_TRUE(waitUntil([&] { return !link.ofType("EXEC").empty(); }, 2000));
+    EXPECT_EQ(*link.ofType("EXEC")[0].command, "export Z=\"9\" && clear && echo __OSTVARREN_READY__");
+    EXPECT_EQ(c.pendingSetup.at(2).title, "终端");
+    EXPECT_FALSE(c.pendingEnvCommands);  // the first session's only
+
     const int64_t id = openAndWaitForSetup("~/shared");
-    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 1u);
-    c.didReceivePtyList({{9, "/home/u/shared", "running", "c-x", "someone-else"}});  // without the new one
-    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{id, "/home/u/shared"}}));
-    EXPECT_EQ(c.otherSessions.at("pty-9@someone-else").cwd, "/home/u/shared");
+    c.didReceivePtyList({{1, "/home/u/shared", "running", "c-x", "someone-else"}});  // without the new ones
+    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 2u);  // without the flag a list only refreshes rows
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{2, "/home/u"}, {id, "/home/u/shared"}}));
+    EXPECT_EQ(c.otherSessions.at("pty-1@someone-else").cwd, "/home/u/shared");
     const size_t before = link.sent.size();
     c.allocateAndCreatePty("again", std::nullopt, std::nullopt, "/home/u/shared/");
     EXPECT_EQ(link.sent.size(), before);
@@ -228,23 +240,6 @@ TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
     EXPECT_TRUE(link.ofType("CREATE_PTY").empty());
     EXPECT_EQ(c.nextPtyId, 5);  // new sessions never reuse a live id of ours
     ASSERT_TRUE(waitUntil([&] { return terminal.calls.contains("resize 0 1"); }, 2000));
-}
-
-TEST_F(SessionControllerTest, FirstPairingWithoutOwnSessionsOpensOneInHome) {
-    c.pendingAutoCreate = true;
-    c.pendingEnvCommands = QString("export Z=\"9\"");
-    c.didReceivePtyList({{1, "/srv", "running", "c-x", "someone-else"}});
-    auto creates = link.ofType("CREATE_PTY");
-    ASSERT_EQ(creates.size(), 1u);
-    EXPECT_EQ(creates[0].cwd, "/home/u");
-    EXPECT_EQ(creates[0].ptyId, 2);  // clear of the number another client runs
-    ASSERT_TRUE(waitUntil([&] { return !link.ofType("EXEC").empty(); }, 2000));
-    EXPECT_EQ(*link.ofType("EXEC")[0].command, "export Z=\"9\" && clear && echo __OSTVARREN_READY__");
-    EXPECT_EQ(c.pendingSetup.at(2).title, "终端");
-    EXPECT_FALSE(c.pendingEnvCommands);  // the first session's only
-    // Without the flag a list only refreshes rows.
-    c.didReceivePtyList({});
-    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 1u);
 }
 
 TEST_F(SessionControllerTest, GoneTargetsAndDestroyedControllerAreSafe) {
