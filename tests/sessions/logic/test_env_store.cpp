@@ -26,7 +26,7 @@ TEST_F(EnvStoreTest, KeysHashTheDirectoryBytesAsGivenAndNeedBothParts) {
     EXPECT_NE(EnvStore::storageKey("m1", "/srv"), EnvStore::storageKey("m1", "/srv/"));
 }
 
-TEST_F(EnvStoreTest, SaveLoadKeepsOrderAndDropsBlankKeys) {
+TEST_F(EnvStoreTest, SaveLoadKeepsOrderAndDropsBlankKeysAndWrongShapes) {
     test::StdoutCapture log;
     const QString key = *EnvStore::storageKey("m1", "/srv");
     EnvStore::save(key, {{"B", "2"}, {"   ", "ignored"}, {"A", "has space"}, {"", "x"}});
@@ -41,9 +41,7 @@ TEST_F(EnvStoreTest, SaveLoadKeepsOrderAndDropsBlankKeys) {
     EnvStore::remove(key);
     EXPECT_FALSE(ServerConfig::defaults().contains(key));
     EXPECT_NE(log.text().find("[ENV] Deleted saved vars: " + key.toStdString()), std::string::npos);
-}
-
-TEST_F(EnvStoreTest, StoredValuesOfTheWrongShapeLoadAsNoRows) {
+    // Stored values of the wrong shape load as no rows.
     ServerConfig::defaults().setValue("envVars_m_1", "a string");
     ServerConfig::defaults().setValue("envVars_m_2",
                                       QVariantList{QVariantMap{{"key", "K"}}, 5, QVariantMap{{"key", "A"}, {"value", "1"}},

@@ -44,51 +44,36 @@ protected:
         EXPECT_TRUE(waitUntil([&] { return c.setupStartTimes.count(id) > 0; }, 2000));
         return id;
     }
+    // A session whose set-up has completed: its tab is shown.
+    int64_t openRevealed(const QString& path) {
+        const int64_t id = openAndWaitForSetup(path);
+        c.didReceiveOutput(b64("__OSTVARREN_READY__"), id);
+        return id;
+    }
 };
 
-TEST_F(SessionControllerTest, CreateThenOneSetupLineWithEnvironmentCommandAndSentinel) {
+// A session is created, set up in one line (environment, command, marker), and shown only once the
+// shell has printed the marker: not on a marker cut in two, an undecodable chunk or the echo of the line.
+TEST_F(SessionControllerTest, CreateThenOneSetupLineAndTheTabComesWithThePrintedMarker) {
     StdoutCapture log;
-    const int64_t id = openAndWaitForSetup("~/proj", QString("export A=\"1\"\n   \n\nexport B=\"x y\"\n"), QString("claude"));
+    c.setupTimeout = 30;  // no retry in the middle of this
+    const int64_t first =
+        openAndWaitForSetup("~/proj", QString("export A=\"1\"\n   \n\nexport B=\"x y\"\n"), QString("claude"));
     auto creates = link.ofType("CREATE_PTY");
     ASSERT_EQ(creates.size(), 1u);
-    EXPECT_EQ(creates[0].ptyId, id);
+    EXPECT_EQ(creates[0].ptyId, first);
     EXPECT_EQ(creates[0].cols, 80);
     EXPECT_EQ(creates[0].rows, 24);
     EXPECT_EQ(creates[0].cwd, "/home/u/proj");
     EXPECT_EQ(QString::fromStdString(*creates[0].clientId), ClientIdentity::read().value());
-    auto execs = link.ofType("EXEC");
-    ASSERT_EQ(execs.size(), 1u);
-    EXPECT_EQ(*execs[0].command,
+    ASSERT_EQ(link.ofType("EXEC").size(), 1u);
+    EXPECT_EQ(*link.ofType("EXEC")[0].command,
               "export A=\"1\" && export B=\"x y\" && claude && clear && echo __OSTVARREN_READY__");
     // The count is every part but "clear" and the echo, so the command counts along with the exports.
     EXPECT_NE(log.text().find("[PTY_SETUP] pty=1 sending 3 env commands + sentinel"), std::string::npos);
-    EXPECT_TRUE(terminal.tabs.isEmpty());  // nothing shows before the sentinel
-    openAndWaitForSetup("/srv");
-    EXPECT_EQ(*link.ofType("EXEC").at(1).command, "clear && echo __OSTVARREN_READY__");
-    EXPECT_NE(log.text().find("[PTY_SETUP] pty=2 sending 0 env commands + sentinel"), std::string::npos);
-}
 
-TEST_F(SessionControllerTest, SentinelRevealsTheTabAndLaterOutputIsWritten) {
     const int64_t id = openAndWaitForSetup("/srv", std::nullopt, std::nullopt, QString("kimi"));
-    c.didReceiveOutput(b64("garbage before"), id);
-    EXPECT_TRUE(terminal.tabs.isEmpty());
-    c.didReceiveOutput(b64("x\r\n__OSTVARREN_READY__\r\n$ "), id);
-    EXPECT_EQ(terminal.tabs, QList<int64_t>{id});
-    EXPECT_FALSE(terminal.overlayShown);
-    EXPECT_EQ(list.highlighted, id);
-    EXPECT_TRUE(c.pendingSetup.empty());
-    EXPECT_TRUE(terminal.written.empty());  // the set-up output, sentinel chunk included, is discarded
-    EXPECT_EQ(*link.ofType("EXEC").back().command, "clear");
-    ASSERT_TRUE(waitUntil([&] { return terminal.calls.contains("focus"); }, 2000));
-    EXPECT_TRUE(terminal.calls.contains(QStringLiteral("resize %1 0").arg(id)));
-    ASSERT_TRUE(waitUntil([&] { return *link.ofType("EXEC").back().command == "kimi"; }, 2000));  // then its command
-    c.didReceiveOutput(b64("hello"), id);
-    ASSERT_EQ(terminal.written.size(), 1u);
-    EXPECT_EQ(terminal.written[0].first, b64("hello"));  // passed on unchanged
-}
-
-TEST_F(SessionControllerTest, SentinelSplitAcrossChunksOrUndecodableChunksDoNotCount) {
-    const int64_t id = openAndWaitForSetup("/srv");
+    EXPECT_EQ(*link.ofType("EXEC").at(1).command, "clear && echo __OSTVARREN_READY__");
     c.didReceiveOutput(b64("__OSTVARREN_"), id);
     c.didReceiveOutput(b64("READY__"), id);
     c.didReceiveOutput("!!!not base64!!!", id);
@@ -100,6 +85,17 @@ TEST_F(SessionControllerTest, SentinelSplitAcrossChunksOrUndecodableChunksDoNotC
     // Echo and printed marker in one chunk: the printed one counts.
     c.didReceiveOutput(b64("echo __OSTVARREN_READY__\r\n\x1b[H\x1b[2J__OSTVARREN_READY__\r\n$ "), id);
     EXPECT_EQ(terminal.tabs, QList<int64_t>{id});
+    EXPECT_FALSE(terminal.overlayShown);
+    EXPECT_EQ(list.highlighted, id);
+    EXPECT_EQ(c.pendingSetup.count(id), 0u);
+    EXPECT_TRUE(terminal.written.empty());  // the set-up output, marker chunk included, is discarded
+    EXPECT_EQ(*link.ofType("EXEC").back().command, "clear");
+    ASSERT_TRUE(waitUntil([&] { return terminal.calls.contains("focus"); }, 2000));
+    EXPECT_TRUE(terminal.calls.contains(QStringLiteral("resize %1 0").arg(id)));
+    ASSERT_TRUE(waitUntil([&] { return *link.ofType("EXEC").back().command == "kimi"; }, 2000));  // then its command
+    c.didReceiveOutput(b64("hello"), id);
+    ASSERT_EQ(terminal.written.size(), 1u);
+    EXPECT_EQ(terminal.written[0].first, b64("hello"));  // passed on unchanged
 }
 
 // A set-up without an answer echoes the marker once more; answered then, it completes, else it fails.
@@ -126,15 +122,28 @@ TEST_F(SessionControllerTest, TimeoutRetriesTheEchoOnceThenFailsAndCloses) {
     EXPECT_EQ(terminal.tabs, QList<int64_t>{late});
 }
 
-// One session of ours per folder, however the path is written; another controller's shell there does
-// not count, and a list asked for before our session was created does not drop it.
-TEST_F(SessionControllerTest, OneOwnSessionPerFolder) {
-    c.didReceivePtyList({{9, "/home/u/shared", "running", "c-x", "someone-else"}});
+// The first pairing without own sessions opens one in the home folder, with the variables meant for it.
+// Then one session of ours per folder, however the path is written; another controller's shell there
+// does not count, and a list asked for before our session was created does not drop it. Made while the
+// link is down, a session is booked but nothing is sent.
+TEST_F(SessionControllerTest, FirstSessionInHomeThenOnePerFolderAndNoneSentWhileDisconnected) {
+    c.pendingAutoCreate = true;
+    c.pendingEnvCommands = QString("export Z=\"9\"");
+    c.didReceivePtyList({{1, "/home/u/shared", "running", "c-x", "someone-else"}});
+    auto creates = link.ofType("CREATE_PTY");
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(creates[0].cwd, "/home/u");
+    EXPECT_EQ(creates[0].ptyId, 2);  // clear of the number another client runs
+    ASSERT_TRUE(waitUntil([&] { return !link.ofType("EXEC").empty(); }, 2000));
+    EXPECT_EQ(*link.ofType("EXEC")[0].command, "export Z=\"9\" && clear && echo __OSTVARREN_READY__");
+    EXPECT_EQ(c.pendingSetup.at(2).title, "终端");
+    EXPECT_FALSE(c.pendingEnvCommands);  // the first session's only
+
     const int64_t id = openAndWaitForSetup("~/shared");
-    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 1u);
-    c.didReceivePtyList({{9, "/home/u/shared", "running", "c-x", "someone-else"}});  // without the new one
-    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{id, "/home/u/shared"}}));
-    EXPECT_EQ(c.otherSessions.at("pty-9@someone-else").cwd, "/home/u/shared");
+    c.didReceivePtyList({{1, "/home/u/shared", "running", "c-x", "someone-else"}});  // without the new ones
+    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 2u);  // without the flag a list only refreshes rows
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{2, "/home/u"}, {id, "/home/u/shared"}}));
+    EXPECT_EQ(c.otherSessions.at("pty-1@someone-else").cwd, "/home/u/shared");
     const size_t before = link.sent.size();
     c.allocateAndCreatePty("again", std::nullopt, std::nullopt, "/home/u/shared/");
     EXPECT_EQ(link.sent.size(), before);
@@ -145,94 +154,67 @@ TEST_F(SessionControllerTest, OneOwnSessionPerFolder) {
     EXPECT_EQ(c.normalizePath("~user/x"), "~user/x");
     link.home.clear();
     EXPECT_EQ(c.normalizePath("~/x/"), "~/x");  // no home known: left as it is, minus the slash
-}
 
-TEST_F(SessionControllerTest, NotConnectedSkipsMessagesButKeepsBookkeeping) {
-    link.connected = false;
-    c.isConnected = false;
+    link.connected = c.isConnected = false;
+    link.sent.clear();
     c.allocateAndCreatePty("t", std::nullopt, std::nullopt, "/a");
     spin(50);
     EXPECT_TRUE(link.sent.empty());
-    EXPECT_EQ(c.activeSessions.at(1), "/a");
-    EXPECT_EQ(c.nextPtyId, 2);
+    EXPECT_EQ(c.activeSessions.at(id + 1), "/a");
+    EXPECT_EQ(c.nextPtyId, id + 2);
 }
 
-TEST_F(SessionControllerTest, ExitMasksWithTakeoverTextOrExitCode) {
+// How a session ends: its shell exits (masked with the reason), the relay reports an error (the tab
+// closes, the reason shows), the user closes it (one close, none for a shell that has ended, even when
+// a list from before the end still names it). Each refreshes the list; the last tab leaves the placeholder.
+TEST_F(SessionControllerTest, ExitErrorAndCloseEndASessionOnceAndTheLastLeavesThePlaceholder) {
+    const QString me = ClientIdentity::getOrCreate();
+    std::vector<int64_t> exited;
     for (int64_t code : {-1, 3}) {
-        const int64_t id = openAndWaitForSetup(QStringLiteral("/d%1").arg(code));
-        c.didReceiveOutput(b64("__OSTVARREN_READY__"), id);
+        const int64_t id = exited.emplace_back(openRevealed(QStringLiteral("/d%1").arg(code)));
         const size_t lists = link.ofType("LIST_PTY").size();
         c.didReceivePtyExit(id, code);
         EXPECT_EQ(terminal.masks.at(id), code == -1 ? QString("会话已被接管") : QString("会话已终止 (exit 3)"));
         EXPECT_EQ(c.activeSessions.count(id), 0u);
         EXPECT_EQ(link.ofType("LIST_PTY").size(), lists + 1);
     }
-    // An exit during set-up is silent.
-    const int64_t pending = openAndWaitForSetup("/pending");
-    c.didReceivePtyExit(pending, -1);
-    EXPECT_EQ(terminal.masks.count(pending), 0u);
-    EXPECT_TRUE(c.pendingSetup.empty());
+    // The view drops an ended tab and its mark before it tells the workspace, which closes nothing.
+    terminal.tabs.clear();
+    terminal.masks.clear();
+    EXPECT_FALSE(c.releasePty(exited[1]));
+    // An exit during set-up is silent; an error then aborts the set-up, with the reason.
+    const int64_t silent = openAndWaitForSetup("/silent");
+    c.didReceivePtyExit(silent, -1);
+    EXPECT_EQ(terminal.masks.count(silent), 0u);
     EXPECT_TRUE(errors.shown.isEmpty());
-}
-
-TEST_F(SessionControllerTest, ErrorClosesTheTabOrAbortsTheSetupAndShowsTheReason) {
-    const int64_t shown = openAndWaitForSetup("/a");
-    c.didReceiveOutput(b64("__OSTVARREN_READY__"), shown);
-    const int64_t pending = openAndWaitForSetup("/b");
+    const int64_t pending = openAndWaitForSetup("/pending");
     c.didReceivePtyError(pending, "no such directory");
-    c.didReceivePtyError(shown, "boom");
-    EXPECT_EQ(errors.shown, (QStringList{"no such directory", "boom"}));
-    EXPECT_TRUE(terminal.tabs.isEmpty());
-    EXPECT_EQ(terminal.emptyState, "选择目录以启动终端");  // the only tab went: the placeholder shows
-    EXPECT_TRUE(c.activeSessions.empty());
     EXPECT_TRUE(c.pendingSetup.empty());
-}
 
-TEST_F(SessionControllerTest, ClosingTheLastTabShowsThePlaceholderAndRefreshesTheList) {
-    const int64_t a = openAndWaitForSetup("/a");
-    c.didReceiveOutput(b64("__OSTVARREN_READY__"), a);
-    const int64_t b = openAndWaitForSetup("/b");
-    c.didReceiveOutput(b64("__OSTVARREN_READY__"), b);
-    EXPECT_EQ(link.ofType("LIST_PTY").size(), 2u);  // each revealed session refreshes the list at once
+    const int64_t failed = openRevealed("/failed");
+    const size_t lists = link.ofType("LIST_PTY").size();
+    const int64_t a = openRevealed("/a"), b = openRevealed("/b");
+    EXPECT_EQ(link.ofType("LIST_PTY").size(), lists + 2);  // each revealed session refreshes the list at once
+    c.didReceivePtyError(failed, "boom");
+    EXPECT_EQ(errors.shown, (QStringList{"no such directory", "boom"}));
+    std::vector<PtyInfo> stale;
+    for (int64_t id : {exited[1], failed, a, b}) stale.push_back({id, "/x", "running", "c-me", me.toStdString()});
+    c.didReceivePtyList(stale);
+    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{a, "/x"}, {b, "/x"}}));
+    EXPECT_EQ(list.users.size(), 2);  // only the live ones are listed
+    c.closeAndCleanupPty(exited[1]);
+    c.closeAndCleanupPty(failed);
+    // Closed from the panel: the controller's own close, then the view's tab-closed hand-off.
     c.closeAndCleanupPty(a);
+    c.releasePty(a);
     EXPECT_EQ(terminal.tabs, QList<int64_t>{b});
     EXPECT_TRUE(terminal.emptyState.isEmpty());
     c.closeAndCleanupPty(b);
     EXPECT_TRUE(terminal.tabs.isEmpty());
     EXPECT_EQ(terminal.emptyState, "选择目录以启动终端");
+    EXPECT_TRUE(c.activeSessions.empty());
     EXPECT_EQ(link.closed, (std::vector<int64_t>{a, b}));
-    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == 4; }, 2000));
-}
-
-TEST_F(SessionControllerTest, OneClosePerSessionAndNoneForAPtyThatHasEnded) {
-    const QString me = ClientIdentity::getOrCreate();
-    std::vector<int64_t> ids;
-    for (const char* path : {"/a", "/b", "/c", "/d"}) {
-        ids.push_back(openAndWaitForSetup(path));
-        c.didReceiveOutput(b64("__OSTVARREN_READY__"), ids.back());
-    }
-    const int64_t closed = ids[0], exited = ids[1], failed = ids[2], live = ids[3];
-    // Closed from the panel: the controller's own close, then the view's tab-closed hand-off.
-    c.closeAndCleanupPty(closed);
-    c.releasePty(closed);
-    // One shell ends and its tab is closed (the view drops the tab and its "terminated" mark before it
-    // tells the workspace); another fails. A list asked for before that still names both as running,
-    // and their rows are closed from the panel.
-    c.didReceivePtyExit(exited, 0);
-    terminal.tabs.removeAll(exited);
-    terminal.masks.erase(exited);
-    EXPECT_FALSE(c.releasePty(exited));
-    c.didReceivePtyError(failed, "gone");
-    std::vector<PtyInfo> stale;
-    for (int64_t id : {exited, failed, live}) stale.push_back({id, "/x", "running", "c-me", me.toStdString()});
-    c.didReceivePtyList(stale);
-    EXPECT_EQ(c.activeSessions, (std::map<int64_t, QString>{{live, "/x"}}));
-    EXPECT_EQ(list.users.size(), 1);  // only the live one is listed
-    c.closeAndCleanupPty(exited);
-    c.closeAndCleanupPty(failed);
-    c.closeAndCleanupPty(live);
-    c.releasePty(live);
-    EXPECT_EQ(link.closed, (std::vector<int64_t>{closed, live}));
+    ASSERT_TRUE(waitUntil([&] { return link.ofType("LIST_PTY").size() == lists + 6; }, 2000));
 }
 
 TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
@@ -258,23 +240,6 @@ TEST_F(SessionControllerTest, PtyListRebuildsRowsAndReattachesOwnSessions) {
     EXPECT_TRUE(link.ofType("CREATE_PTY").empty());
     EXPECT_EQ(c.nextPtyId, 5);  // new sessions never reuse a live id of ours
     ASSERT_TRUE(waitUntil([&] { return terminal.calls.contains("resize 0 1"); }, 2000));
-}
-
-TEST_F(SessionControllerTest, FirstPairingWithoutOwnSessionsOpensOneInHome) {
-    c.pendingAutoCreate = true;
-    c.pendingEnvCommands = QString("export Z=\"9\"");
-    c.didReceivePtyList({{1, "/srv", "running", "c-x", "someone-else"}});
-    auto creates = link.ofType("CREATE_PTY");
-    ASSERT_EQ(creates.size(), 1u);
-    EXPECT_EQ(creates[0].cwd, "/home/u");
-    EXPECT_EQ(creates[0].ptyId, 2);  // clear of the number another client runs
-    ASSERT_TRUE(waitUntil([&] { return !link.ofType("EXEC").empty(); }, 2000));
-    EXPECT_EQ(*link.ofType("EXEC")[0].command, "export Z=\"9\" && clear && echo __OSTVARREN_READY__");
-    EXPECT_EQ(c.pendingSetup.at(2).title, "终端");
-    EXPECT_FALSE(c.pendingEnvCommands);  // the first session's only
-    // Without the flag a list only refreshes rows.
-    c.didReceivePtyList({});
-    EXPECT_EQ(link.ofType("CREATE_PTY").size(), 1u);
 }
 
 TEST_F(SessionControllerTest, GoneTargetsAndDestroyedControllerAreSafe) {
