@@ -242,9 +242,7 @@ TEST_F(RelayTest, TwoClientsShellsWithTheSameIdStayApartThroughBadRequestsAndASt
     // Shells that cannot start are refused one by one: in a folder that is missing or a file, under ids
     // below 1 (the client takes 0 for "no shell"), or under an id the client already runs, whose shell
     // is left alone.
-    QFile plain(QDir(home).filePath("plain.txt"));
-    ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
-    plain.close();
+    ASSERT_TRUE(QFile(QDir(home).filePath("plain.txt")).open(QIODevice::WriteOnly));
     const std::pair<int64_t, const char*> badShells[] = {
         {3, "/definitely/not/here"}, {4, "~/plain.txt"}, {0, "~"}, {-4, "~"}, {1, "~"}};
     for (const auto& [id, cwd] : badShells) a.send(create(id, "client-a", cwd));
@@ -352,10 +350,7 @@ private:
 TEST_F(RelayTest, DirectoryListingsInOrderOffTheLoopCappedInEntriesAndTime) {
     QDir h(home);
     for (const char* folder : {"beta/inner", "Alpha", ".cache"}) ASSERT_TRUE(h.mkpath(folder));
-    for (const char* name : {"zeta.txt", ".bashrc"}) {
-        QFile f(h.filePath(name));
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    }
+    for (const char* name : {"zeta.txt", ".bashrc"}) ASSERT_TRUE(QFile(h.filePath(name)).open(QIODevice::WriteOnly));
     ASSERT_TRUE(QFile::link(h.filePath("beta"), h.filePath("link-to-beta")));
 
     Peer a = paired("alice");

@@ -23,29 +23,22 @@ using ostv::server::AttemptLimiter;
 
 namespace {
 
-std::optional<ServerOptions> parse(const QStringList& args, QString* error = nullptr) {
-    QString e;
-    auto o = ServerOptions::parse(args, &e);
-    if (error) *error = e;
-    return o;
-}
-
 // Defaults and options the program tests do not give (those show through the program's behaviour), and
 // bad arguments, each named in the refusal.
 TEST(ServerOptions, DefaultsOptionsAndBadArgumentsNamed) {
-    auto d = parse({});
+    QString error;
+    auto d = ServerOptions::parse({}, &error);
     ASSERT_TRUE(d);
     EXPECT_EQ(std::tie(d->quicPort, d->adminPort, d->user, d->agents, d->limit, d->name),
               std::make_tuple(9090, 8080, QString("admin"), 1, 8, QString()));
 
-    QString error;
-    auto o = parse({"--bind", "::1", "--admin-port=0", "--agents", "2", "--code", "123456", "--code=000001", "--limit",
+    auto o = ServerOptions::parse({"--bind", "::1", "--admin-port=0", "--agents", "2", "--code", "123456", "--code=000001", "--limit",
                     "2", "--shell", "/bin/sh", "--agent-secret-file", "/tmp/s", "--name", " lab box "}, &error);
     ASSERT_TRUE(o) << error.toStdString();
     EXPECT_EQ(std::tie(o->bind, o->adminPort, o->limit, o->shell, o->agentSecretFile, o->name),
               std::make_tuple(QString("::1"), 0, 2, QString("/bin/sh"), QString("/tmp/s"), QString("lab box")));
     EXPECT_EQ(o->codes, (std::vector<std::string>{"123456", "000001"}));
-    EXPECT_EQ(parse({"--agents", "0"})->agents, 0);
+    EXPECT_EQ(ServerOptions::parse({"--agents", "0"}, &error)->agents, 0);
 
     const std::pair<QStringList, const char*> bad[] = {
         {{"--frobnicate"}, "--frobnicate"},
@@ -68,8 +61,9 @@ TEST(ServerOptions, DefaultsOptionsAndBadArgumentsNamed) {
         {{"--name", QString(65, 'n')}, "--name"},
     };
     for (const auto& [args, mentions] : bad) {
-        EXPECT_FALSE(parse(args, &error)) << args.join(' ').toStdString();
-        EXPECT_TRUE(error.contains(QString::fromUtf8(mentions))) << error.toStdString();
+        QString why;
+        EXPECT_FALSE(ServerOptions::parse(args, &why)) << args.join(' ').toStdString();
+        EXPECT_TRUE(why.contains(QString::fromUtf8(mentions))) << why.toStdString();
     }
 }
 
@@ -200,10 +194,10 @@ TEST(ServerOptions, PasswordAndRootRulesBeyondLoopback) {
     };
     for (const Case& c : cases) {
         const std::string label = c.args.join(' ').toStdString() + (c.root ? " as root" : "");
-        auto o = parse(c.args);
+        QString error;
+        auto o = ServerOptions::parse(c.args, &error);
         ASSERT_TRUE(o) << label;
         bool generated = false;
-        QString error;
         const bool ok = o->settle(c.root, &generated, &error);
         if (c.refusal) {
             EXPECT_FALSE(ok) << label;
@@ -218,7 +212,7 @@ TEST(ServerOptions, PasswordAndRootRulesBeyondLoopback) {
     }
     EXPECT_NE(randomPassword(), randomPassword());
     QString error;
-    EXPECT_FALSE(parse({"--password", "a", "--password-file", good}, &error));
+    EXPECT_FALSE(ServerOptions::parse({"--password", "a", "--password-file", good}, &error));
     EXPECT_TRUE(error.contains("only one")) << error.toStdString();
 }
 
