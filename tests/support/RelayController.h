@@ -2,6 +2,7 @@
 // A controller for tests against the server program: the client's own QUIC transport to the relay and
 // every line that came back, with the requests the tests make.
 #include <atomic>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <optional>
@@ -88,7 +89,8 @@ public:
         send(input(ptyId, command + "\r"));
         if (!waitOutput(ptyId, " end", from)) return 0;
         const std::string out = output(ptyId, from);
-        return static_cast<pid_t>(std::atol(out.c_str() + out.rfind("pid=", out.find(" end")) + 4));
+        const size_t at = out.rfind("pid=", out.find(" end"));
+        return at == std::string::npos ? 0 : static_cast<pid_t>(std::atol(out.c_str() + at + 4));
     }
 
     // Pairs and answers the controller id (empty when not paired).
