@@ -3,7 +3,6 @@
 // bytes like a transport whose peer has not acknowledged them yet, and reports closes from the event
 // loop as the real link does. The relay deletes a link once it is closed, so what the test looks at
 // lives in a Wire that the test keeps.
-#include <QByteArray>
 #include <QPointer>
 #include <QTimer>
 #include <memory>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "Message.h"
+#include "Requests.h"
 #include "TestSupport.h"
 #include "relay/ControllerLink.h"
 
@@ -30,21 +30,9 @@ struct Wire {
     bool authenticated = false;
 
     std::vector<Message> received(const std::string& type = {}, size_t from = 0) const {
-        std::vector<Message> out;
-        for (size_t i = from; i < lines.size(); ++i) {
-            auto d = Message::decode(lines[i]);
-            if (d && (type.empty() || d->type == type)) out.push_back(d.value());
-        }
-        return out;
+        return ostv::test::decodedLines(lines, type, from);
     }
-    // All shell output of one pty received from index `from` on, decoded.
-    std::string output(int64_t ptyId, size_t from = 0) const {
-        std::string out;
-        for (const Message& m : received("PTY_DATA", from))
-            if (m.ptyId == ptyId && m.data)
-                out += QByteArray::fromBase64(QByteArray::fromStdString(*m.data)).toStdString();
-        return out;
-    }
+    std::string output(int64_t ptyId, size_t from = 0) const { return ostv::test::ptyOutput(lines, ptyId, from); }
     bool waitOutput(int64_t ptyId, const std::string& needle, size_t from = 0, int ms = 8000) const {
         return ostv::test::waitUntil([&] { return output(ptyId, from).find(needle) != std::string::npos; }, ms);
     }

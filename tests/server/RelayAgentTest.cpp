@@ -40,15 +40,9 @@ protected:
         relay.reset();
         agents.clear();
         home = makeTempDir(QStringLiteral("home"));
-        AgentConfig c;
-        c.index = 1;
-        c.code = "111111";
-        c.machineId = "m1";
-        c.homeDir = home;
-        c.shell = QStringLiteral("/bin/sh");
-        c.limit = limit;
-        c.typingFirst = typingFirst;
-        agents.push_back(std::make_unique<Agent>(c));
+        agents.push_back(std::make_unique<Agent>(AgentConfig{.code = "111111", .machineId = "m1", .hostname = {},
+                                                             .homeDir = home, .shell = QStringLiteral("/bin/sh"),
+                                                             .limit = limit, .typingFirst = typingFirst}));
         relay = std::make_unique<Relay>(std::vector<Agent*>{agents[0].get()},
                                         [] { return std::pair<double, double>{12.5, 40.0}; });
     }
@@ -88,10 +82,7 @@ protected:
 // does not pair in time is closed, and wrong codes are refused and limited.
 TEST_F(RelayTest, BeforePairingOnlyPingsAreAnsweredAndWrongCodesAreRefusedClosedAndLimited) {
     relay->setPairTimeoutMs(200);
-    AttemptLimiter::Policy policy;
-    policy.freeFailures = 2;
-    policy.firstWait = std::chrono::milliseconds(500);
-    relay->setPairingPolicy(policy);
+    relay->setPairingPolicy({.freeFailures = 2, .firstWait = std::chrono::milliseconds(500)});
 
     Peer p = connect();
     p.send(ping(1700000000123));  // with the same stamp and the load
@@ -178,15 +169,14 @@ TEST_F(RelayTest, FullAgentOffersItsControllersAndTakeoverKicksTheChosenOne) {
     Peer b = paired("bob", &idB);
     a.send(create(1, "client-a"));
 
+    const size_t bMark = b->lines.size();
     Peer c = connect();
     c.send(pairing("111111", "carol"));
     EXPECT_TRUE(c->received("paired").empty());
-    auto list = c->received("controller_list");
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0].limit, 2);
-    EXPECT_EQ(list[0].current, 2);
-    ASSERT_TRUE(list[0].controllers);
-    EXPECT_EQ(*list[0].controllers, (std::vector<ControllerInfo>{{idA, "alice", "~", "1"}, {idB, "bob", "~", std::nullopt}}));
+    Message offer("controller_list");
+    offer.limit = offer.current = 2;
+    offer.controllers = std::vector<ControllerInfo>{{idA, "alice", "~", "1"}, {idB, "bob", "~", std::nullopt}};
+    EXPECT_EQ(c->received("controller_list"), std::vector{offer});
     EXPECT_EQ(agents[0]->controllerCount(), 2) << "a controller choosing is not seated";
 
     // A request before being seated is refused, and so is a seat nobody holds: the list is offered again.
@@ -196,25 +186,22 @@ TEST_F(RelayTest, FullAgentOffersItsControllersAndTakeoverKicksTheChosenOne) {
     EXPECT_EQ(c->received("controller_list").size(), 2u);
 
     c.send(takeover(idA));
-    auto kicked = a->received("kicked");
-    ASSERT_EQ(kicked.size(), 1u);
-    EXPECT_EQ(kicked[0].by, "carol");
-    EXPECT_EQ(kicked[0].reason.value_or(""), "控制席位已被其他控制端接管");
+    Message kicked("kicked");
+    kicked.by = "carol";
+    kicked.reason = "控制席位已被其他控制端接管";
+    EXPECT_EQ(a->received("kicked"), std::vector{kicked});
     EXPECT_TRUE(a->closedByServer);
 
+    // The others see the kicked one leave and the new one join, and the kicked link's close, a moment
+    // later, does not count as a second departure.
     auto pairedC = c->received("paired");
     ASSERT_EQ(pairedC.size(), 1u);
-    auto left = b->received("controller_left");
-    ASSERT_EQ(left.size(), 1u);
-    EXPECT_EQ(left[0].id, idA);
-    auto joined = b->received("controller_joined");
-    ASSERT_EQ(joined.size(), 1u);
-    EXPECT_EQ(joined[0].id, pairedC[0].id);
-    EXPECT_EQ(joined[0].nickname, "carol");
-
-    // The kicked link's close must not count as a second departure.
+    Message left("controller_left"), joined("controller_joined");
+    left.id = idA;
+    joined.id = pairedC[0].id;
+    joined.nickname = "carol";
     spin(50);
-    EXPECT_EQ(b->received("controller_left").size(), 1u);
+    EXPECT_EQ(b->received({}, bMark), (std::vector{left, joined}));
     EXPECT_EQ(agents[0]->controllerCount(), 2);
     // Its shell lives on for its client, and the one who took the seat can end it.
     auto ptys = listPtys(c);
@@ -255,9 +242,7 @@ TEST_F(RelayTest, TwoClientsShellsWithTheSameIdStayApartThroughBadRequestsAndASt
     // Shells that cannot start are refused one by one: in a folder that is missing or a file, under ids
     // below 1 (the client takes 0 for "no shell"), or under an id the client already runs, whose shell
     // is left alone.
-    QFile plain(QDir(home).filePath("plain.txt"));
-    ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
-    plain.close();
+    ASSERT_TRUE(QFile(QDir(home).filePath("plain.txt")).open(QIODevice::WriteOnly));
     const std::pair<int64_t, const char*> badShells[] = {
         {3, "/definitely/not/here"}, {4, "~/plain.txt"}, {0, "~"}, {-4, "~"}, {1, "~"}};
     for (const auto& [id, cwd] : badShells) a.send(create(id, "client-a", cwd));
@@ -364,13 +349,8 @@ private:
 
 TEST_F(RelayTest, DirectoryListingsInOrderOffTheLoopCappedInEntriesAndTime) {
     QDir h(home);
-    h.mkpath("beta/inner");
-    h.mkpath("Alpha");
-    h.mkpath(".cache");
-    for (const char* name : {"zeta.txt", ".bashrc"}) {
-        QFile f(h.filePath(name));
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    }
+    for (const char* folder : {"beta/inner", "Alpha", ".cache"}) ASSERT_TRUE(h.mkpath(folder));
+    for (const char* name : {"zeta.txt", ".bashrc"}) ASSERT_TRUE(QFile(h.filePath(name)).open(QIODevice::WriteOnly));
     ASSERT_TRUE(QFile::link(h.filePath("beta"), h.filePath("link-to-beta")));
 
     Peer a = paired("alice");

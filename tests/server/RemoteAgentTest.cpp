@@ -142,6 +142,14 @@ protected:
         return a;
     }
 
+    // An agent started and listed, idle (nullptr if not).
+    std::unique_ptr<LocalServer> listedAgent(int ns, const QString& id, const QStringList& extra = {}) {
+        auto a = agent(ns, id, secretFile, extra);
+        const bool ok = a->start() && a->waitForOutput("registered with the relay", 10000) && waitListed(id, 0, 10000);
+        EXPECT_TRUE(ok) << id.toStdString() << ": " << a->errorString().toStdString() << a->output();
+        return ok ? std::move(a) : nullptr;
+    }
+
     QJsonArray listed() { return http("GET", adminUrl + "/admin/agents", {}, token).json().array(); }
     // The row of the agent with this machine id, as many times as it is listed.
     std::vector<QJsonObject> rows(const QString& machineId) {
@@ -173,14 +181,10 @@ protected:
 };
 
 TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
-    auto a1 = agent(2, "m-one", secretFile);
-    auto a2 = agent(3, "m-two", secretFile, {"--code", "424242", "--limit", "1", "--name", "lab two"});
-    ASSERT_TRUE(a1->start()) << a1->errorString().toStdString();
-    ASSERT_TRUE(a2->start()) << a2->errorString().toStdString();
-    ASSERT_TRUE(a1->waitForOutput("registered with the relay", 10000)) << a1->output();
-    ASSERT_TRUE(a2->waitForOutput("registered with the relay", 10000)) << a2->output();
+    auto a1 = listedAgent(2, "m-one");
+    auto a2 = listedAgent(3, "m-two", {"--code", "424242", "--limit", "1", "--name", "lab two"});
+    ASSERT_TRUE(a1 && a2);
     EXPECT_EQ(a2->code(), "424242");
-    ASSERT_TRUE(waitListed("m-one", 0, 5000) && waitListed("m-two", 0, 5000));
     // The load is the agent machine's own, reported over its link.
     EXPECT_TRUE(waitUntil([&] { return rows("m-one").size() == 1 && rows("m-one")[0]["mem"].toDouble() > 0; }, 5000));
     EXPECT_EQ(rows("m-two")[0]["code"].toString(), "424242");
@@ -209,9 +213,8 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
 
     // A wrong secret, and a code another machine holds, are refused with the reason said on both sides.
     QFile wrong(dir.filePath("wrong-secret"));
-    ASSERT_TRUE(wrong.open(QIODevice::WriteOnly) && wrong.write("not-the-secret\n") > 0);
-    wrong.close();
-    ASSERT_TRUE(wrong.setPermissions(QFile::ReadOwner | QFile::WriteOwner));
+    ASSERT_TRUE(wrong.open(QIODevice::WriteOnly, QFile::ReadOwner | QFile::WriteOwner) &&
+                wrong.write("not-the-secret\n") > 0 && wrong.flush());
     struct Refusal {
         QString secret;
         QStringList extra;
@@ -245,10 +248,9 @@ TEST_F(RemoteAgents, ListedWithLoadPairedLikeBuiltInOnesAndRefusedWithAReason) {
 }
 
 TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
-    auto a1 = agent(2, "m-one", secretFile);
-    auto a2 = agent(3, "m-two", secretFile);
-    ASSERT_TRUE(a1->start() && a2->start());
-    ASSERT_TRUE(waitListed("m-one", 0, 10000) && waitListed("m-two", 0, 10000));
+    auto a1 = listedAgent(2, "m-one");
+    auto a2 = listedAgent(3, "m-two");
+    ASSERT_TRUE(a1 && a2);
 
     // Three controllers: two on the first agent, one on the second, each with a shell.
     struct Seat {
@@ -260,8 +262,7 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
         s.c = pairWith(s.agent->code(), s.client);
         ASSERT_TRUE(s.c) << s.client;
         s.c->send(create(1, s.client));
-        s.c->send(input(1, "export MARK=" + s.client + "-kept\n"));
-        s.c->send(input(1, "echo ready-$MARK\n"));
+        s.c->send(input(1, "export MARK=" + s.client + "-kept; echo ready-$MARK\n"));
         ASSERT_TRUE(s.c->waitOutput(1, "ready-" + s.client + "-kept")) << s.client;
     }
 
@@ -279,43 +280,35 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
         EXPECT_TRUE(s.c->waitClosedByServer(5000)) << s.client;
         s.c = pairWith(s.agent->code(), s.client);
         ASSERT_TRUE(s.c) << s.client;
-    }
-    EXPECT_LE(clock.elapsed(), 35000);
-    for (Seat& s : seats) {
-        const auto ptys = s.c->listPtys();
-        EXPECT_EQ(ptys.size(), s.client == "c3" ? 1u : 2u) << s.client;
+        EXPECT_EQ(s.c->listPtys().size(), s.client == "c3" ? 1u : 2u) << s.client;
         const size_t from = s.c->mark();
         s.c->send(input(1, "echo back-$MARK\n"));
         EXPECT_TRUE(s.c->waitOutput(1, "back-" + s.client + "-kept", from)) << s.client;
     }
+    EXPECT_LE(clock.elapsed(), 35000);
     EXPECT_TRUE(waitListed("m-one", 2, 5000));
 
     // Each seat has a stream of its own: while c1's shell floods, every line c2 types echoes within
     // 2 s, in order, and the flood goes on meanwhile.
     Controller& flooder = *seats[0].c;
     Controller& typist = *seats[1].c;
-    std::vector<long> shellPids;  // the first agent's shells
+    std::vector<pid_t> shellPids;  // the first agent's shells
     for (Controller* c : {&flooder, &typist}) {
-        const size_t from = c->mark();
-        c->send(input(1, "echo pid-$$-$((1+1))\n"));
-        ASSERT_TRUE(c->waitOutput(1, "-2\r\n", from));
-        const std::string out = c->output(1, from);
-        const size_t at = out.rfind("pid-");
-        shellPids.push_back(at == std::string::npos ? 0 : std::atol(out.c_str() + at + 4));
-        ASSERT_TRUE(processRunning(shellPids.back())) << out;
+        shellPids.push_back(c->printedPid(1));
+        ASSERT_TRUE(processRunning(shellPids.back())) << c->output(1);
     }
-    flooder.keepPtyData(false);
+    flooder.keepPtyData = false;
     flooder.send(input(1, "yes flood-flood-flood\n"));
-    ASSERT_TRUE(waitUntil([&] { return flooder.ptyDataBytes() > (1u << 20); }, 10000)) << "no flood";
-    size_t flooded = flooder.ptyDataBytes();
+    ASSERT_TRUE(waitUntil([&] { return flooder.ptyDataBytes > (1u << 20); }, 10000)) << "no flood";
+    size_t flooded = flooder.ptyDataBytes;
     for (int i = 1; i <= 10; ++i) {
         const size_t from = typist.mark();
         typist.send(input(1, "echo typed-$((" + std::to_string(i) + "*7))\n"));
         EXPECT_TRUE(typist.waitOutput(1, "typed-" + std::to_string(i * 7), from, 2000)) << "line " << i;
     }
-    EXPECT_GT(flooder.ptyDataBytes(), flooded) << "the flood went on while c2 typed";
-    flooded = flooder.ptyDataBytes();
-    EXPECT_TRUE(waitUntil([&] { return flooder.ptyDataBytes() > flooded + (1u << 20); }, 10000)) << "and after";
+    EXPECT_GT(flooder.ptyDataBytes.load(), flooded) << "the flood went on while c2 typed";
+    flooded = flooder.ptyDataBytes;
+    EXPECT_TRUE(waitUntil([&] { return flooder.ptyDataBytes > flooded + (1u << 20); }, 10000)) << "and after";
     flooder.send(input(1, "\x03"));
 
     // The second agent is killed and started again: its controller is told and let go, the agent comes
@@ -341,7 +334,7 @@ TEST_F(RemoteAgents, ShellsOutliveTheRelayButNotTheAgent) {
     // listed while down (its controllers go as the second agent's did).
     const int status = a1->stop();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    for (long pid : shellPids)
+    for (pid_t pid : shellPids)
         EXPECT_TRUE(waitUntil([&] { return !processRunning(pid); }, 3000)) << "shell " << pid << " left";
     EXPECT_TRUE(waitUntil([&] { return rows("m-one").empty(); }, 5000));
     EXPECT_EQ(listed().size(), 1);

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
-#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +21,15 @@ namespace ostv::test {
 namespace {
 
 constexpr size_t kOutputCap = 1024 * 1024;
+
+// A null-terminated array of C strings that point into `store`.
+std::vector<char*> cStrings(const QStringList& list, std::vector<std::string>& store) {
+    for (const QString& s : list) store.push_back(s.toStdString());
+    std::vector<char*> out;
+    for (auto& s : store) out.push_back(s.data());
+    out.push_back(nullptr);
+    return out;
+}
 
 bool hasOption(const QStringList& args, const QString& name) {
     for (const QString& a : args)
@@ -74,21 +82,11 @@ bool LocalServer::start(int timeoutMs) {
         if (!hasOption(args, "--quic-port")) args << "--quic-port" << "0";
         if (!hasOption(args, "--admin-port")) args << "--admin-port" << "0";
     }
-    std::vector<std::string> argStore;
-    for (const QString& a : launcher_) argStore.push_back(a.toStdString());
-    argStore.push_back(bin.toStdString());
-    for (const QString& a : args) argStore.push_back(a.toStdString());
-    std::vector<char*> argv;
-    for (auto& s : argStore) argv.push_back(s.data());
-    argv.push_back(nullptr);
-
+    std::vector<std::string> argStore, envStore;
+    std::vector<char*> argv = cStrings(launcher_ + QStringList{QString::fromLocal8Bit(bin)} + args, argStore);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(env_);
-    std::vector<std::string> envStore;
-    for (const QString& kv : env.toStringList()) envStore.push_back(kv.toStdString());
-    std::vector<char*> envp;
-    for (auto& s : envStore) envp.push_back(s.data());
-    envp.push_back(nullptr);
+    std::vector<char*> envp = cStrings(env.toStringList(), envStore);
 
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
@@ -207,9 +205,7 @@ void LocalServer::readerLoop(int fd) {
         partial_.append(buf, static_cast<size_t>(n));
         size_t start = 0;
         for (size_t nl; (nl = partial_.find('\n', start)) != std::string::npos; start = nl + 1) {
-            const std::string_view line(partial_.data() + start, nl - start);
-            for (auto& [needle, count] : counted_) count += line.find(needle) != std::string_view::npos;
-            if (!ready_) parseLine(std::string(line));
+            if (!ready_) parseLine(partial_.substr(start, nl - start));
         }
         partial_.erase(0, start);
         if (partial_.size() > 65536) partial_.clear();
@@ -253,14 +249,6 @@ void LocalServer::parseLine(const std::string& line) {
 std::string LocalServer::output() const {
     std::lock_guard lock(mutex_);
     return output_;
-}
-
-int LocalServer::countLines(const std::string& needle) {
-    std::lock_guard lock(mutex_);
-    for (const auto& [n, count] : counted_)
-        if (n == needle) return count;
-    counted_.emplace_back(needle, 0);
-    return 0;
 }
 
 size_t LocalServer::outputMark() const {

@@ -1,10 +1,12 @@
 #pragma once
 // A controller for tests against the server program: the client's own QUIC transport to the relay and
 // every line that came back, with the requests the tests make.
-#include <QByteArray>
+#include <atomic>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <optional>
+#include <sys/types.h>
 #include <string>
 #include <vector>
 
@@ -52,29 +54,15 @@ public:
         return from < lines_.size() ? std::vector<std::string>(lines_.begin() + static_cast<long>(from), lines_.end())
                                     : std::vector<std::string>{};
     }
-    std::vector<Message> received(const std::string& type, size_t from = 0) {
-        std::vector<Message> out;
-        for (const std::string& line : lines(from)) {
-            auto d = Message::decode(line);
-            if (d && d->type == type) out.push_back(d.value());
-        }
-        return out;
-    }
+    std::vector<Message> received(const std::string& type, size_t from = 0) { return decodedLines(lines(from), type, 0); }
     // The raw text of the first line of `type` from `from` on.
     std::optional<std::string> waitLine(const std::string& type, size_t from = 0, int ms = 8000) {
         std::optional<std::string> found;
-        waitUntil(
-            [&] {
-                for (const std::string& line : lines(from)) {
-                    auto s = MessageTypeSniff::decode(line);
-                    if (s && s->type == type) {
-                        found = line;
-                        return true;
-                    }
-                }
-                return false;
-            },
-            ms);
+        waitUntil([&] {
+            for (const std::string& line : lines(from))
+                if (auto s = MessageTypeSniff::decode(line); s && s->type == type && !found) found = line;
+            return found.has_value();
+        }, ms);
         return found;
     }
     std::optional<Message> waitFor(const std::string& type, size_t from = 0, int ms = 8000) {
@@ -84,27 +72,25 @@ public:
         EXPECT_TRUE(d.ok()) << *line;
         return d ? std::optional<Message>(d.value()) : std::nullopt;
     }
-    std::string output(int64_t ptyId, size_t from = 0) {
-        std::string out;
-        for (const Message& m : received("PTY_DATA", from))
-            if (m.ptyId == ptyId && m.data) out += QByteArray::fromBase64(QByteArray::fromStdString(*m.data)).toStdString();
-        return out;
-    }
+    std::string output(int64_t ptyId, size_t from = 0) { return ptyOutput(lines(from), ptyId, 0); }
     bool waitOutput(int64_t ptyId, const std::string& needle, size_t from = 0, int ms = 10000) {
         return waitUntil([&] { return output(ptyId, from).find(needle) != std::string::npos; }, ms);
     }
-    int undecodable() {
-        std::lock_guard l(mutex_);
-        return undecodable_;
-    }
-    // false: shell output is counted but not kept (a flooding shell would fill the memory).
-    void keepPtyData(bool keep) {
-        std::lock_guard l(mutex_);
-        keepPtyData_ = keep;
-    }
-    size_t ptyDataBytes() {
-        std::lock_guard l(mutex_);
-        return ptyDataBytes_;
+    // Lines that were no JSON object; the bytes of shell output received; false: shell output is counted
+    // but not kept (a flooding shell would fill the memory).
+    std::atomic<int> undecodable{0};
+    std::atomic<size_t> ptyDataBytes{0};
+    std::atomic<bool> keepPtyData{true};
+
+    // The process id that `command`, typed into the shell of `ptyId`, prints as "pid=N end" (0 if none);
+    // by default the shell's own. The quotes keep the typed line apart from the answer.
+    pid_t printedPid(int64_t ptyId, const std::string& command = "echo pi''d=$$ en''d") {
+        const size_t from = mark();
+        send(input(ptyId, command + "\r"));
+        if (!waitOutput(ptyId, " end", from)) return 0;
+        const std::string out = output(ptyId, from);
+        const size_t at = out.rfind("pid=", out.find(" end"));
+        return at == std::string::npos ? 0 : static_cast<pid_t>(std::atol(out.c_str() + at + 4));
     }
 
     // Pairs and answers the controller id (empty when not paired).
@@ -131,10 +117,10 @@ public:
         std::lock_guard l(mutex_);
         splitter_.feed(chunk, [&](std::string_view line) {
             const auto sniff = MessageTypeSniff::decode(line);
-            if (!sniff) ++undecodable_;
+            if (!sniff) ++undecodable;
             if (sniff && sniff->type == "PTY_DATA") {
-                ptyDataBytes_ += line.size();
-                if (!keepPtyData_) return;
+                ptyDataBytes += line.size();
+                if (!keepPtyData) return;
             }
             lines_.emplace_back(line);
         });
@@ -146,9 +132,6 @@ private:
     std::mutex mutex_;
     LineSplitter splitter_;
     std::vector<std::string> lines_;
-    int undecodable_ = 0;
-    bool keepPtyData_ = true;
-    size_t ptyDataBytes_ = 0;
     // Last, so that it goes first: its thread delivers data into the members above until it has stopped.
     QUICTransport transport_;
 };

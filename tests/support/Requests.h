@@ -1,7 +1,9 @@
 #pragma once
-// Requests a controller sends, as the tests write them.
+// Requests a controller sends, as the tests write them, and what it makes of the lines it receives.
+#include <QByteArray>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Message.h"
 
@@ -49,6 +51,22 @@ inline Message withPty(const std::string& type, int64_t ptyId) {
     Message m(type);
     m.ptyId = ptyId;
     return m;
+}
+
+// The messages among `lines` from index `from` on (only those of `type` unless it is empty).
+inline std::vector<Message> decodedLines(const std::vector<std::string>& lines, const std::string& type, size_t from) {
+    std::vector<Message> out;
+    for (size_t i = from; i < lines.size(); ++i)
+        if (auto d = Message::decode(lines[i]); d && (type.empty() || d->type == type)) out.push_back(d.value());
+    return out;
+}
+
+// All output of the shell `ptyId` among `lines` from index `from` on, decoded.
+inline std::string ptyOutput(const std::vector<std::string>& lines, int64_t ptyId, size_t from) {
+    std::string out;
+    for (const Message& m : decodedLines(lines, "PTY_DATA", from))
+        if (m.ptyId == ptyId && m.data) out += QByteArray::fromBase64(QByteArray::fromStdString(*m.data)).toStdString();
+    return out;
 }
 
 }  // namespace ostv::test

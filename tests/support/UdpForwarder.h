@@ -70,14 +70,11 @@ private:
         bool haveClient = false;
         static thread_local char buf[65536];
         while (!stop_) {
-            int waitMs = 20;
-            if (!queue.empty())
-                waitMs = std::clamp<int>(static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                              queue.top().due - Clock::now())
-                                                              .count()),
-                                         0, 20);
+            using std::chrono::milliseconds;
+            const milliseconds dueIn = queue.empty() ? milliseconds(20)
+                                                     : std::chrono::duration_cast<milliseconds>(queue.top().due - Clock::now());
             pollfd fds[2] = {{front_, POLLIN, 0}, {back_, POLLIN, 0}};
-            ::poll(fds, 2, waitMs);
+            ::poll(fds, 2, static_cast<int>(std::clamp<long>(dueIn.count(), 0, 20)));
             for (int i = 0; i < 2; ++i) {
                 if (!(fds[i].revents & POLLIN)) continue;
                 sockaddr_in from{};
