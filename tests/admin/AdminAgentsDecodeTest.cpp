@@ -9,12 +9,6 @@ using ostv::AdminAgents::displayName;
 
 namespace {
 
-QStringList ids(const QList<ostv::Host>& hosts) {
-    QStringList out;
-    for (const auto& h : hosts) out << h.id;
-    return out;
-}
-
 // Each host row as "id/code/users/name/os/cpu/mem", in order.
 QString rows(const char* body) {
     const auto hosts = decodeHosts(body);
@@ -47,9 +41,9 @@ TEST(AdminAgentsDecode, ElementsWithoutCodeOrMachineIdAreAlwaysKeptWithTheirOwnI
     ASSERT_TRUE(hosts);
     ASSERT_EQ(hosts->size(), 4);
     EXPECT_EQ(hosts->at(1).userCount, 1);  // order kept
-    const QStringList keyless = ids(*hosts).mid(0, 3);
+    const QSet<QString> keyless{hosts->at(0).id, hosts->at(1).id, hosts->at(2).id};
     EXPECT_FALSE(keyless.contains(QString()));
-    EXPECT_EQ(QSet<QString>(keyless.begin(), keyless.end()).size(), 3);
+    EXPECT_EQ(keyless.size(), 3);
     EXPECT_TRUE(hosts->at(0).agentCode.isEmpty());
     EXPECT_TRUE(hosts->at(0).machineId.isEmpty());
     EXPECT_EQ(hosts->at(3).id, "777777");
@@ -57,7 +51,7 @@ TEST(AdminAgentsDecode, ElementsWithoutCodeOrMachineIdAreAlwaysKeptWithTheirOwnI
 
 // Loads are rounded; zero or missing, CPU shows "-" and memory nothing. Negative counts, integral loads
 // and Unicode text pass as they are; unknown keys are ignored.
-TEST(AdminAgentsDecode, FieldsOfAHostRow) {
+TEST(AdminAgentsDecode, FieldsOfAHostRowAndOperatingSystemNames) {
     const char* body = R"([{"code":"123456","machine_id":"mid","controller_count":4,
                             "os":"darwin","cpu":12.6,"mem":0.4,"extra":{"ignored":true}},
                            {"code":"654321","controller_count":0,"cpu":0,"mem":0},
@@ -70,9 +64,7 @@ TEST(AdminAgentsDecode, FieldsOfAHostRow) {
     EXPECT_FALSE(full.isSelected);
     EXPECT_EQ(full.machineId, "mid");
     EXPECT_EQ(rows("[]"), "");
-}
-
-TEST(AdminAgentsDecode, OnlyTheThreeExactOperatingSystemWordsAreRenamed) {
+    // Only the three exact operating system words are renamed.
     EXPECT_EQ(displayName(QString("windows")), "Windows");
     for (const char* asReceived : {"Linux", "Darwin", "WINDOWS", "freebsd", ""})
         EXPECT_EQ(displayName(QString(asReceived)), asReceived);

@@ -8,25 +8,20 @@
 
 namespace ostv::test {
 
-bool CannedHttpServer::start(std::optional<QPair<QSslCertificate, QSslKey>> tls) {
+bool CannedHttpServer::start(std::optional<TestCertificate> tls) {
     tls_ = std::move(tls);
     return listen(QHostAddress::LocalHost, 0);
 }
 
 void CannedHttpServer::incomingConnection(qintptr descriptor) {
     ++connections;
-    QTcpSocket* socket = nullptr;
+    auto* socket = new QSslSocket(this);  // plain TCP until encryption starts
+    socket->setSocketDescriptor(descriptor);
     if (tls_) {
-        auto* ssl = new QSslSocket(this);
-        ssl->setSocketDescriptor(descriptor);
-        ssl->setLocalCertificate(tls_->first);
-        ssl->setPrivateKey(tls_->second);
-        ssl->setPeerVerifyMode(QSslSocket::VerifyNone);
-        ssl->startServerEncryption();
-        socket = ssl;
-    } else {
-        socket = new QTcpSocket(this);
-        socket->setSocketDescriptor(descriptor);
+        socket->setLocalCertificate(tls_->certificate);
+        socket->setPrivateKey(tls_->key);
+        socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+        socket->startServerEncryption();
     }
     connect(socket, &QTcpSocket::readyRead, this, [this, socket] { serve(socket); });
     connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);

@@ -12,6 +12,11 @@
 
 namespace ostv::test {
 
+struct TestCertificate {
+    QSslCertificate certificate;
+    QSslKey key;
+};
+
 struct CannedAnswer {
     int status = 200;
     QByteArray body;
@@ -30,7 +35,7 @@ class CannedHttpServer : public QTcpServer {
     Q_OBJECT
 public:
     // Listens on 127.0.0.1 (any free port); with a certificate and key the connections use TLS.
-    bool start(std::optional<QPair<QSslCertificate, QSslKey>> tls = std::nullopt);
+    bool start(std::optional<TestCertificate> tls = std::nullopt);
 
     // Answers by path; a path without an entry gets the default answer.
     void answer(const QByteArray& path, CannedAnswer a) { answers_[path] = std::move(a); }
@@ -44,14 +49,9 @@ protected:
 
 private:
     void serve(QTcpSocket* socket);
-    std::optional<QPair<QSslCertificate, QSslKey>> tls_;
+    std::optional<TestCertificate> tls_;
     QMap<QByteArray, CannedAnswer> answers_;
     CannedAnswer default_;
-};
-
-struct TestCertificate {
-    QSslCertificate certificate;
-    QSslKey key;
 };
 
 // A self-signed end-entity certificate for the DNS name hostName, valid from notBefore to notAfter.

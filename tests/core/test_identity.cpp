@@ -40,7 +40,7 @@ protected:
     void TearDown() override { SecretStore::useFileStoreOnlyForTesting(false); }
 };
 
-TEST_F(FileStore, AddNeverOverwritesTheFileIsPrivateAndACorruptOneIsRepaired) {
+TEST_F(FileStore, AddNeverOverwritesTheFileIsPrivateACorruptOneIsRepairedAndTheClientIdIsMadeOnce) {
     const QString svc = uniqueService();
     EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
     expectAddWriteAndRead(svc);
@@ -55,12 +55,11 @@ TEST_F(FileStore, AddNeverOverwritesTheFileIsPrivateAndACorruptOneIsRepaired) {
     EXPECT_FALSE(SecretStore::read(svc, "default").has_value());
     EXPECT_TRUE(SecretStore::add(svc, "default", "y"));
     EXPECT_EQ(SecretStore::read(svc, "default"), QByteArray("y"));
-}
 
-TEST_F(FileStore, ClientIdIsCreatedOnceAndANonUtf8OneReadsAsNone) {
+    // The client id is created once, upper case and canonical.
     EXPECT_FALSE(ClientIdentity::read().has_value());
     const QString id = ClientIdentity::getOrCreate();
-    EXPECT_TRUE(kCanonical.match(id).hasMatch()) << id.toStdString();  // upper case, canonical
+    EXPECT_TRUE(kCanonical.match(id).hasMatch()) << id.toStdString();
     EXPECT_EQ(ClientIdentity::read(), id);
     EXPECT_EQ(ClientIdentity::getOrCreate(), id);
     ClientIdentity::save("SOMETHING-ELSE");  // never overwrites

@@ -34,11 +34,10 @@ void prepareEnvironment() {
     const QString home = QStringLiteral(OSTV_TEST_HOME) + "/p" + QString::number(QCoreApplication::applicationPid());
     for (const char* sub : {"config", "data", "cache", "state", "runtime"}) QDir().mkpath(home + "/" + sub);
     QFile::setPermissions(home + "/runtime", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    setenv("XDG_CONFIG_HOME", (home + "/config").toLocal8Bit().constData(), 1);
-    setenv("XDG_DATA_HOME", (home + "/data").toLocal8Bit().constData(), 1);
-    setenv("XDG_CACHE_HOME", (home + "/cache").toLocal8Bit().constData(), 1);
-    setenv("XDG_STATE_HOME", (home + "/state").toLocal8Bit().constData(), 1);
-    if (!getenv("XDG_RUNTIME_DIR")) setenv("XDG_RUNTIME_DIR", (home + "/runtime").toLocal8Bit().constData(), 1);
+    for (const auto& [var, sub] : {std::pair{"XDG_CONFIG_HOME", "config"}, {"XDG_DATA_HOME", "data"},
+                                   {"XDG_CACHE_HOME", "cache"}, {"XDG_STATE_HOME", "state"}})
+        setenv(var, (home + "/" + sub).toLocal8Bit().constData(), 1);
+    setenv("XDG_RUNTIME_DIR", (home + "/runtime").toLocal8Bit().constData(), 0);
 }
 
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs) {
@@ -51,13 +50,7 @@ bool waitUntil(const std::function<bool()>& pred, int timeoutMs) {
     return true;
 }
 
-void spin(int ms) {
-    QDeadlineTimer deadline(ms);
-    while (!deadline.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(1);
-    }
-}
+void spin(int ms) { waitUntil([] { return false; }, ms); }
 
 bool processRunning(long pid) {
     QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
@@ -69,10 +62,8 @@ bool processRunning(long pid) {
 
 QString makeTempDir(const QString& prefix) {
     static std::vector<std::unique_ptr<QTemporaryDir>> dirs;
-    auto d = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/ostv-" + prefix + "-XXXXXX");
-    QString path = d->path();
-    dirs.push_back(std::move(d));
-    return path;
+    dirs.push_back(std::make_unique<QTemporaryDir>(QDir::tempPath() + "/ostv-" + prefix + "-XXXXXX"));
+    return dirs.back()->path();
 }
 
 void isolateSettings() {
