@@ -205,7 +205,9 @@ void LocalServer::readerLoop(int fd) {
         partial_.append(buf, static_cast<size_t>(n));
         size_t start = 0;
         for (size_t nl; (nl = partial_.find('\n', start)) != std::string::npos; start = nl + 1) {
-            if (!ready_) parseLine(partial_.substr(start, nl - start));
+            const std::string_view line(partial_.data() + start, nl - start);
+            for (auto& [needle, count] : counted_) count += line.find(needle) != std::string_view::npos;
+            if (!ready_) parseLine(std::string(line));
         }
         partial_.erase(0, start);
         if (partial_.size() > 65536) partial_.clear();
@@ -249,6 +251,14 @@ void LocalServer::parseLine(const std::string& line) {
 std::string LocalServer::output() const {
     std::lock_guard lock(mutex_);
     return output_;
+}
+
+int LocalServer::countLines(const std::string& needle) {
+    std::lock_guard lock(mutex_);
+    for (const auto& [n, count] : counted_)
+        if (n == needle) return count;
+    counted_.emplace_back(needle, 0);
+    return 0;
 }
 
 size_t LocalServer::outputMark() const {

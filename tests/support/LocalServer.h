@@ -72,6 +72,9 @@ public:
     size_t outputMark() const;
     // Waits until the output written after `from` (an earlier outputMark()) contains `needle`.
     bool waitForOutput(const std::string& needle, int timeoutMs = 5000, size_t from = 0);
+    // How many lines written so far contain `needle`, counted as they arrive (output() keeps only the last
+    // part of a long run). Counting starts with the first call for that needle.
+    int countLines(const std::string& needle);
 
 private:
     void readerLoop(int fd);
@@ -96,6 +99,7 @@ private:
     std::string output_;
     size_t dropped_ = 0;  // bytes cut from the front of output_
     std::string partial_;
+    std::vector<std::pair<std::string, int>> counted_;
     bool ready_ = false;
     bool eof_ = false;
     std::thread reader_;
