@@ -170,6 +170,28 @@ function loadRenderer(entry) {
   } catch (e) { renderer = 'dom'; }
 }
 
+// xterm.js asks its renderer to redraw every row of the screen whenever the selection may have moved,
+// and it thinks so at every scroll: a flood pays for a second full redraw per frame, and a hidden
+// terminal (whose renderer is otherwise paused) is drawn all the same, measuring each glyph anew because
+// an element that is not displayed has no width. Without a selection before or after there is nothing
+// to redraw; while hidden, the redraw waits for the terminal to be shown (the renderer then draws it
+// whole, selection included). Only where the renderer service looks as expected.
+function skipIdleSelectionRedraws(term) {
+  const rs = term._core && term._core._renderService;
+  if (!rs || typeof rs.handleSelectionChanged !== 'function' || !rs._selectionState || !('_isPaused' in rs)) return false;
+  const redraw = rs.handleSelectionChanged.bind(rs);
+  rs.handleSelectionChanged = (start, end, columnSelectMode) => {
+    const s = rs._selectionState;
+    const unchanged = !start && !end && !s.start && !s.end;
+    if (!unchanged && !rs._isPaused) { redraw(start, end, columnSelectMode); return; }
+    s.start = start;
+    s.end = end;
+    s.columnSelectMode = columnSelectMode;
+    if (rs._isPaused && !unchanged) rs._needsSelectionRefresh = true;
+  };
+  return true;
+}
+
 function reportSize(id) {
   const t = terminals.get(id);
   if (t && bridge) bridge.termResize({ cols: t.term.cols, rows: t.term.rows, ptyId: id });
@@ -203,9 +225,10 @@ function createTerminal(id) {
   term.unicode.activeVersion = '11';
   term.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => { if (bridge) bridge.openLink(uri); }));
   const entry = { term, fit, search, el, masked: false, writes: 0, backlog: [], backlogBytes: 0, pumped: 0,
-                  renderer: 'dom' };
+                  renderer: 'dom', quietSelection: false };
   terminals.set(id, entry);
   term.open(el);
+  entry.quietSelection = skipIdleSelectionRedraws(term);
   loadRenderer(entry);
   term.onData((data) => {
     if (entry.masked || !bridge) return;

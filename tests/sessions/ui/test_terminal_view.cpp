@@ -244,6 +244,22 @@ TEST_F(TerminalViewTest, AHiddenTabsOutputIsCompleteAndInOrderWhenShown) {
     EXPECT_EQ(pageText(1), expected.join('\n'));
     EXPECT_TRUE(pageShows(2, "last words"));
     EXPECT_EQ(view->heldBytes(), 0);
+
+    // A hidden tab that scrolls is not drawn (its rows are drawn when it is shown), and a selection
+    // is drawn and cleared as before.
+    const QString drawn = QStringLiteral("terminals.get(3).el.querySelector('.xterm-rows').textContent");
+    for (int i = 0; i < 200; ++i) view->writeOutput(b64(QByteArray("scrolling ") + QByteArray::number(i) + "\r\n"), 3);
+    view->writeOutput(b64("hidden-draw"), 3);
+    ASSERT_TRUE(pageShows(3, "hidden-draw"));
+    spin(200);  // frames go by
+    EXPECT_FALSE(eval(drawn).toString().contains("hidden-draw"));
+    view->switchTab(3);
+    EXPECT_TRUE(waitUntil([&] { return eval(drawn).toString().contains("hidden-draw"); }, 5000));
+    const QString selected = QStringLiteral("terminals.get(3).el.querySelectorAll('.xterm-selection div').length");
+    eval("terminals.get(3).term.selectAll()");
+    EXPECT_TRUE(waitUntil([&] { return eval(selected).toInt() > 0; }, 5000));
+    eval("terminals.get(3).term.clearSelection()");
+    EXPECT_TRUE(waitUntil([&] { return eval(selected).toInt() == 0; }, 5000));
 }
 
 // The shown tab floods without a break: a hidden tab's output still gets written meanwhile.
