@@ -208,6 +208,7 @@ private:
 
     void readAll() {
         static thread_local uint8_t buf[65536];
+        if (engine_) engine_->beginReceiveBatch();
         for (int i = 0; i < 256 && engine_ && !engine_->isClosed(); ++i) {
             const ssize_t n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
             if (n < 0) {
@@ -216,6 +217,7 @@ private:
             }
             engine_->receivePacket(buf, static_cast<size_t>(n));
         }
+        if (engine_) engine_->endReceiveBatch();
         if (refused_ && engine_ && !engine_->isClosed()) {
             refused_ = false;
             if (engine_->isEstablished()) {

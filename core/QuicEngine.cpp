@@ -298,7 +298,7 @@ void QuicEngine::finishCallbacks() {
         close(requestedCode_, requestedReason_);
         return;
     }
-    flush();
+    if (!batching_) flush();
 }
 
 void QuicEngine::onTimer() {

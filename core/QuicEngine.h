@@ -55,6 +55,14 @@ public:
                      const ngtcp2_cid* retryOriginalDcid = nullptr);
 
     void receivePacket(const uint8_t* data, size_t len);
+    // Packets read in one go are answered together: between these two calls a received packet writes
+    // nothing, and the end writes what all of them call for (one acknowledgement for many packets
+    // instead of one for every other).
+    void beginReceiveBatch() { batching_ = true; }
+    void endReceiveBatch() {
+        batching_ = false;
+        flush();
+    }
     void onTimer();
     // Queues bytes on the stream (kept until acknowledged) and sends as flow control allows.
     void send(std::string bytes);
@@ -119,6 +127,7 @@ private:
     // True while ngtcp2 is calling back into this engine: writing then would re-enter ngtcp2, so sends
     // and closes asked for by the hooks wait until the call returns.
     bool inCallback_ = false;
+    bool batching_ = false;
     bool announced_ = false;
     bool closeRequested_ = false;
     uint64_t requestedCode_ = 0;

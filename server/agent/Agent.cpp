@@ -549,9 +549,15 @@ void Agent::onPtyOutput(Pty& p, std::string_view bytes) {
 // of the next echo.
 bool Agent::bulkBudgetLeft(const std::string& clientId) {
     BulkBudget& b = bulkBudget_[clientId];
-    if (!b.slot.isValid() || b.slot.elapsed() >= kBulkSlotMs) {
+    if (!b.slot.isValid()) {
         b.slot.start();
         b.used = 0;
+    } else if (const qint64 elapsed = b.slot.elapsed(); elapsed >= kBulkSlotMs) {
+        // A slot ends with its last read, which may take it over the budget: the excess is paid from
+        // the slots that follow, so that the rate holds whatever the size of a read.
+        const size_t earned = static_cast<size_t>(elapsed / kBulkSlotMs) * kBulkBytesPerSlot;
+        b.used = b.used > earned ? b.used - earned : 0;
+        b.slot.start();
     }
     return b.used < kBulkBytesPerSlot;
 }

@@ -305,20 +305,34 @@ void PtyProcess::onReadable() {
     if (finished_) return;
     std::weak_ptr<bool> alive = alive_;
     char buf[kReadChunk];
-    // A bounded number of chunks per wake-up keeps one busy shell from starving the others.
+    // A terminal hands over a few KiB per read: reads are joined into chunks of up to kReadChunk, so a
+    // flood travels in fewer, larger messages, while what there is goes out as soon as the terminal has
+    // no more (an echo waits for nothing). A bounded number of chunks per wake-up keeps one busy shell
+    // from starving the others.
     for (int i = 0; i < 8 && readEnabled_ && master_ >= 0 && !eof_; ++i) {
-        ssize_t n = ::read(master_, buf, sizeof buf);
-        if (n > 0) {
-            if (onOutput) onOutput(std::string_view(buf, static_cast<size_t>(n)));
-            if (alive.expired()) return;
-            continue;
+        size_t have = 0;
+        bool drained = false, ended = false;
+        while (have < sizeof buf) {
+            const ssize_t n = ::read(master_, buf + have, sizeof buf - have);
+            if (n > 0) {
+                have += static_cast<size_t>(n);
+            } else if (n < 0 && errno == EINTR) {
+                continue;
+            } else {
+                drained = n < 0 && errno == EAGAIN;
+                ended = !drained;  // 0 or EIO: every holder of the terminal's slave side is gone
+                break;
+            }
         }
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == EAGAIN) {
+        if (have > 0 && onOutput) {
+            onOutput(std::string_view(buf, have));
+            if (alive.expired()) return;
+        }
+        if (drained) {
             if (childReaped_) finish();
             return;
         }
-        // 0 or EIO: every holder of the terminal's slave side is gone.
+        if (!ended) continue;
         eof_ = true;
         if (readNotifier_) readNotifier_->setEnabled(false);
         pollChild();

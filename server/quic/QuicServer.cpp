@@ -7,6 +7,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <QPointer>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <gnutls/crypto.h>
@@ -302,6 +304,15 @@ void QuicServer::forget(QuicConnection* c) {
 
 void QuicServer::readAll() {
     static thread_local uint8_t buf[65536];
+    // Each connection answers what it received in this round once, at the end.
+    std::vector<QPointer<QuicConnection>> touched;
+    struct AnswerAtEnd {
+        std::vector<QPointer<QuicConnection>>& touched;
+        ~AnswerAtEnd() {
+            for (const auto& c : touched)
+                if (c && c->engine_) c->engine_->endReceiveBatch();
+        }
+    } answer{touched};
     for (int i = 0; i < 512; ++i) {
         sockaddr_storage peer{};
         socklen_t peerLen = sizeof peer;
@@ -398,6 +409,10 @@ void QuicServer::readAll() {
                 continue;
             }
             conn = c;
+        }
+        if (std::find(touched.begin(), touched.end(), conn) == touched.end()) {
+            conn->engine_->beginReceiveBatch();
+            touched.emplace_back(conn);
         }
         conn->engine_->receivePacket(buf, len);
     }
