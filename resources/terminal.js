@@ -178,7 +178,7 @@ function loadRenderer(entry) {
 // whole, selection included). Only where the renderer service looks as expected.
 function skipIdleSelectionRedraws(term) {
   const rs = term._core && term._core._renderService;
-  if (!rs || typeof rs.handleSelectionChanged !== 'function' || !rs._selectionState || !('_isPaused' in rs)) return false;
+  if (!rs || typeof rs.handleSelectionChanged !== 'function' || !rs._selectionState || !('_isPaused' in rs)) return;
   const redraw = rs.handleSelectionChanged.bind(rs);
   rs.handleSelectionChanged = (start, end, columnSelectMode) => {
     const s = rs._selectionState;
@@ -189,7 +189,6 @@ function skipIdleSelectionRedraws(term) {
     s.columnSelectMode = columnSelectMode;
     if (rs._isPaused && !unchanged) rs._needsSelectionRefresh = true;
   };
-  return true;
 }
 
 function reportSize(id) {
@@ -225,10 +224,10 @@ function createTerminal(id) {
   term.unicode.activeVersion = '11';
   term.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => { if (bridge) bridge.openLink(uri); }));
   const entry = { term, fit, search, el, masked: false, writes: 0, backlog: [], backlogBytes: 0, pumped: 0,
-                  renderer: 'dom', quietSelection: false };
+                  renderer: 'dom' };
   terminals.set(id, entry);
   term.open(el);
-  entry.quietSelection = skipIdleSelectionRedraws(term);
+  skipIdleSelectionRedraws(term);
   loadRenderer(entry);
   term.onData((data) => {
     if (entry.masked || !bridge) return;

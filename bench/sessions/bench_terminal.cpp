@@ -151,16 +151,21 @@ struct TreeMemory {
     std::map<QString, long> byProcess;  // "name pid" -> KiB
 };
 
-TreeMemory clientMemory(pid_t server) {
+// This program and every process below it, except the subtree of `outside` (none by default).
+std::set<pid_t> ourProcesses(pid_t outside = 0) {
     const auto parents = parentsOfAll();
     std::set<pid_t> tree{getpid()};
     for (bool grew = true; grew;) {
         grew = false;
         for (const auto& [pid, parent] : parents)
-            if (pid != server && tree.count(parent) && tree.insert(pid).second) grew = true;
+            if (pid != outside && tree.count(parent) && tree.insert(pid).second) grew = true;
     }
+    return tree;
+}
+
+TreeMemory clientMemory(pid_t server) {
     TreeMemory m;
-    for (pid_t pid : tree) {
+    for (pid_t pid : ourProcesses(server)) {
         const long kb = rssKb(pid);
         m.total += kb;
         m.byProcess[processName(pid) + QStringLiteral(" %1").arg(pid)] = kb;
@@ -181,20 +186,14 @@ struct ThreadTimes {
 };
 
 ThreadTimes pageThreadTimes() {
-    const auto parents = parentsOfAll();
-    std::set<pid_t> tree{getpid()};
-    for (bool grew = true; grew;) {
-        grew = false;
-        for (const auto& [pid, parent] : parents)
-            if (tree.count(parent) && tree.insert(pid).second) grew = true;
-    }
     ThreadTimes busiest;  // the renderer is the web engine's helper that runs the most
-    for (pid_t pid : tree) {
+    for (pid_t pid : ourProcesses()) {
         if (!processName(pid).startsWith(QLatin1String("QtWebEngineProcess"))) continue;
         QFile f(QStringLiteral("/proc/%1/task/%1/schedstat").arg(pid));
         if (!f.open(QIODevice::ReadOnly)) continue;
         const QList<QByteArray> v = f.readAll().trimmed().split(' ');
-        if (v.size() >= 2 && v[0].toDouble() / 1e9 > busiest.ran) busiest = {v[0].toDouble() / 1e9, v[1].toDouble() / 1e9};
+        const ThreadTimes t{v.value(0).toDouble() / 1e9, v.value(1).toDouble() / 1e9};
+        if (v.size() >= 2 && t.ran > busiest.ran) busiest = t;
     }
     return busiest;
 }

@@ -306,13 +306,6 @@ void QuicServer::readAll() {
     static thread_local uint8_t buf[65536];
     // Each connection answers what it received in this round once, at the end.
     std::vector<QPointer<QuicConnection>> touched;
-    struct AnswerAtEnd {
-        std::vector<QPointer<QuicConnection>>& touched;
-        ~AnswerAtEnd() {
-            for (const auto& c : touched)
-                if (c && c->engine_) c->engine_->endReceiveBatch();
-        }
-    } answer{touched};
     for (int i = 0; i < 512; ++i) {
         sockaddr_storage peer{};
         socklen_t peerLen = sizeof peer;
@@ -416,6 +409,8 @@ void QuicServer::readAll() {
         }
         conn->engine_->receivePacket(buf, len);
     }
+    for (const auto& c : touched)
+        if (c && c->engine_) c->engine_->endReceiveBatch();
 }
 
 }  // namespace ostv::server
